@@ -47,7 +47,8 @@ std::string IniFileParser::stripLeadingTrailingSpaces(const std::string& text) {
 void IniFileParser::parseFile(const std::string& fileName) {
     const std::string path = std::string(CONFIGURATION_DIRECTORY) + fileName;
     std::ifstream input(path, std::ios::in | std::ios::binary);
-    if (!input.is_open()) {
+    // A directory opens but cannot be read: it is no more an INI file than a missing one.
+    if (!input.is_open() || (input.peek() == std::char_traits<char>::eof() && input.bad())) {
         char message[SHORT_MESSAGE_SIZE];
         (void)std::snprintf(message, sizeof message, "Failed to open ini File: %s", path.c_str());
         throw IniFileParserException(OPEN_ERROR, message);

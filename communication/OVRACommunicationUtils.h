@@ -230,9 +230,9 @@ constexpr std::size_t GUID_SIZE = 16;
 // Payload of SYSTEM_APP_GUID_STATUS: the state of every application by its short identifier.
 struct SystemAppGUIDStatus_t {
     struct Entry {
-        char guid[GUID_SIZE];      // NUL-terminated within the 16 bytes
-        std::uint8_t status;       // ApplicationStatus_e
-        std::uint8_t reserved[3];  // not read
+        char guid[GUID_SIZE];     // NUL-terminated within the 16 bytes
+        std::uint8_t status;      // ApplicationStatus_e
+        std::uint8_t reserved[3]; // not read
     };
     std::uint32_t count; // valid entries, 0..255
     std::array<Entry, SYSTEM_APP_GUID_STATUS_ENTRIES> entries;
@@ -260,7 +260,8 @@ constexpr std::uint16_t VIDAPP_UDP_PORT = 50427;
 
 // Conversions. Value-to-string functions index a fixed table after one range test; string-to-value
 // functions look the string up in a map built on first use. Every failure throws as documented
-// beside each; the null results are for named-but-empty slots and come without an error.
+// beside each; the null results are for named-but-empty slots and come without an error. A null
+// name is rejected like an unknown one, its text shown as "(null)". Callable from any thread.
 
 // 1..30; null for 26..30. InvalidMessageIDException 1058 "Invalid messageId: 0x%x".
 const char* getMessageIdString(MessageIds_e id);

@@ -10,8 +10,8 @@ namespace OVRAInterSystemMessages {
 
 // Payload bytes of each host message ID 0..30; received host messages are checked against it.
 inline constexpr std::array<std::uint64_t, 31> HOST_MESSAGE_SIZE = {
-    0,    8920, 20,   136,  64,   720,  1068, 284, 2528, 2528, 2528, 2528, 5024, 4,     48, 60,
-    248,  32,   472,  40,   836,  20,   492,  3804, 8,   600,  10096, 8,   1,    24,   32,
+    0,   8920, 20,  136, 64,  720, 1068, 284,  2528, 2528, 2528,  2528, 5024, 4,  48, 60,
+    248, 32,   472, 40,  836, 20,  492,  3804, 8,    600,  10096, 8,    1,    24, 32,
 };
 
 // VIDEO_INTERFACE_RESULTS (host message 29): one captured frame, written to slot 0.

@@ -1,0 +1,186 @@
+// vidapp-dlog: the operator's command line for the system-wide debug flag word. It switches
+// logging on and off per application and level, and sets the one-shot commands (live stream,
+// profiler, ...) that the running processes obey and clear.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "log/DynamicDebug.h"
+#include "log/OVRALogImplementPrintf.h"
+
+namespace {
+
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_NOT_ATTACHED = 1;
+constexpr int EXIT_USAGE = 2;
+
+constexpr const char* USAGE = "usage: vidapp-dlog <command string>... | show | help | remove\n";
+
+void printToolHelp() {
+    std::printf("\n%s", USAGE);
+    std::printf("  +<chars>   set the bits of each character      e.g. vidapp-dlog +12\n"
+                "  -<chars>   clear the bits of each character    e.g. vidapp-dlog -B2\n"
+                "  0          clear every flag and command\n"
+                "  show       print the word and the names of the bits set\n"
+                "  help       print this text\n"
+                "  remove     detach and mark the segment for removal\n"
+                "Several command strings are applied in order, then the word is shown.\n"
+                "Characters: a-z bits 0-25, A-Z bits 26-51, 1-6 log levels error..profile,\n"
+                "  # $ %% profiler start/stop/transfer, & ' hitch ball start/stop, ( delete all files,\n"
+                "  ) * live stream start/stop, + , calibration start/stop, - . recording start/stop\n"
+                "  (the last six also set or clear the profile level, bit 63).\n"
+                "Exit status: 0 done, 1 the flag word cannot be attached, 2 usage error.\n");
+}
+
+struct NamedBits {
+    const char* name;
+    std::uint64_t bits;
+};
+
+// Commands that share bit 63 with the profile level show up whenever both of their bits are set.
+const std::vector<NamedBits>& commands() {
+    static const std::vector<NamedBits> list = {
+        {"profiler-start", D_PROFILER_START},       {"profiler-stop", D_PROFILER_STOP},
+        {"profiler-transfer", D_PROFILER_TRANSFER}, {"hitch-ball-start", D_HITCH_BALL_START},
+        {"hitch-ball-stop", D_HITCH_BALL_STOP},     {"delete-all-files", D_DELETE_ALL_FILES},
+        {"live-stream-start", D_LIVE_STREAM_START}, {"live-stream-stop", D_LIVE_STREAM_STOP},
+        {"calibration-start", D_CALIBRATION_START}, {"calibration-stop", D_CALIBRATION_STOP},
+        {"recording-start", D_RECORDING_START},     {"recording-stop", D_RECORDING_STOP},
+    };
+    return list;
+}
+
+const std::vector<NamedBits>& levels() {
+    static const std::vector<NamedBits> list = {
+        {"error", D_LOG_LEVEL_ERROR}, {"warning", D_LOG_LEVEL_WARNING}, {"info", D_LOG_LEVEL_INFO},
+        {"debug", D_LOG_LEVEL_DEBUG}, {"verbose", D_LOG_LEVEL_VERBOSE}, {"profile", D_LOG_LEVEL_PROFILE},
+    };
+    return list;
+}
+
+void printNamed(const char* title, const std::vector<std::string>& names) {
+    std::printf("%-13s", title);
+    if (names.empty()) {
+        std::printf(" -");
+    }
+    for (const std::string& name : names) {
+        std::printf(" %s", name.c_str());
+    }
+    std::printf("\n");
+}
+
+// The word in words: levels, applications by short name, pending commands, and the letters of
+// the remaining bits 0 to 51.
+void describeWord(std::uint64_t word) {
+    std::vector<std::string> names;
+    for (const NamedBits& level : levels()) {
+        if ((word & level.bits) == level.bits) {
+            names.emplace_back(level.name);
+        }
+    }
+    printNamed("Levels:", names);
+
+    names.clear();
+    std::uint64_t applicationBits = 0;
+    for (const auto& [name, bits] : OVRA::APP_DEBUG_VALUE) {
+        applicationBits |= bits;
+        if ((word & bits) == bits) {
+            names.push_back(name);
+        }
+    }
+    printNamed("Applications:", names);
+
+    names.clear();
+    for (const NamedBits& command : commands()) {
+        if ((word & command.bits) == command.bits) {
+            names.emplace_back(command.name);
+        }
+    }
+    printNamed("Commands:", names);
+
+    names.clear();
+    for (char c = 'a'; c <= 'z'; ++c) {
+        if ((word & debugBitsForCharacter(c) & ~applicationBits) != 0) {
+            names.emplace_back(1, c);
+        }
+    }
+    for (char c = 'A'; c <= 'Z'; ++c) {
+        if ((word & debugBitsForCharacter(c) & ~applicationBits) != 0) {
+            names.emplace_back(1, c);
+        }
+    }
+    printNamed("Other bits:", names);
+}
+
+bool isCommandString(const char* argument) {
+    return argument[0] == '+' || argument[0] == '-' || argument[0] == '0';
+}
+
+int usageError(const char* reason) {
+    std::fprintf(stderr, "vidapp-dlog: %s\n%s", reason, USAGE);
+    return EXIT_USAGE;
+}
+
+bool attach() {
+    if (initDLogInterface() != 1) {
+        std::fprintf(stderr, "vidapp-dlog: cannot attach the debug flag word (System V key 0x%x, %zu bytes)\n",
+                     DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t));
+        return false;
+    }
+    return true;
+}
+
+int show() {
+    if (showDebugFlags() != 1) {
+        return EXIT_NOT_ATTACHED;
+    }
+    describeWord(*shm_dlog_detail);
+    (void)closeDLogInterface(true);
+    return EXIT_OK;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        return usageError("no command given");
+    }
+    const std::string first = argv[1];
+    if (first == "help" || first == "show" || first == "remove") {
+        if (argc > 2) {
+            return usageError(("'" + first + "' takes no further arguments").c_str());
+        }
+        if (first == "help") {
+            (void)printHelp();
+            printToolHelp();
+            return EXIT_OK;
+        }
+        if (!attach()) {
+            return EXIT_NOT_ATTACHED;
+        }
+        if (first == "show") {
+            return show();
+        }
+        if (closeDLogInterface(false) != 1) {
+            return EXIT_NOT_ATTACHED;
+        }
+        std::printf("Debug flag word removed (it goes when the last process detaches)\n");
+        return EXIT_OK;
+    }
+
+    for (int i = 1; i < argc; ++i) {
+        if (!isCommandString(argv[i])) {
+            return usageError(("not a command string or keyword: '" + std::string(argv[i]) + "'").c_str());
+        }
+    }
+    if (!attach()) {
+        return EXIT_NOT_ATTACHED;
+    }
+    for (int i = 1; i < argc; ++i) {
+        setDebugBits(argv[i]);
+    }
+    return show();
+}
