@@ -1,0 +1,262 @@
+// vidapp-frame-dump: shows what vidapp last wrote into a slot of the shared frame segment
+// "IMAGE_FRAME": the slot's header, and on request its pixels as a PNG or PGM file. It only
+// attaches, read-only, so it can look at a running vidapp without disturbing it.
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <opencv2/core.hpp>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <optional>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "common/OVRAException.h"
+#include "common/SharedMemory.h"
+#include "tools/ToolSupport.h"
+#include "video_interface/ISPFrame.h"
+#include "video_interface/Image.h"
+
+namespace {
+
+using namespace vidapp::tools;
+
+constexpr const char* USAGE =
+    "usage: vidapp-frame-dump [--slot N] [--channels 1|3] [--output FILE.png|FILE.pgm] | --help\n";
+constexpr const char* SEGMENT_NAME = "IMAGE_FRAME";
+constexpr std::uint64_t SLOTS = 10;
+// A writer that is storing a frame while it is copied out gets this many more tries.
+constexpr int COPY_ATTEMPTS = 5;
+
+void printToolHelp() {
+    std::printf("%s", USAGE);
+    std::printf("Prints the header of one slot of the shared frame segment %s (width, height, sequence\n"
+                "number, time stamp) and writes its pixels to a file.\n"
+                "\n"
+                "  --slot N         the slot, 0..%llu (default 0, the one vidapp writes)\n"
+                "  --channels 1|3   bytes per pixel: 3 for the camera's BGR (default), 1 for grey\n"
+                "  --output FILE    write the pixels: FILE.png (grey or colour) or FILE.pgm (grey; a\n"
+                "                   3-channel slot is converted); without it only the header is printed\n"
+                "  --help           print this text\n"
+                "\n"
+                "Exit status: 0 done, 1 no segment, a slot never written or a header that does not fit\n"
+                "the slot, or the file could not be written; 2 usage error.\n",
+                SEGMENT_NAME, static_cast<unsigned long long>(SLOTS - 1));
+}
+
+enum class Format { None, Png, Pgm };
+
+struct Options {
+    std::uint64_t slot = 0;
+    std::uint64_t channels = 3;
+    std::string output;
+    Format format = Format::None;
+    bool help = false;
+};
+
+// The file format from the output file's extension, in any case.
+Format formatOf(const std::string& file) {
+    const std::size_t dot = file.rfind('.');
+    if (dot == std::string::npos || file.find('/', dot) != std::string::npos) {
+        return Format::None;
+    }
+    std::string extension = file.substr(dot + 1);
+    for (char& c : extension) {
+        c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+    }
+    if (extension == "png") {
+        return Format::Png;
+    }
+    if (extension == "pgm") {
+        return Format::Pgm;
+    }
+    return Format::None;
+}
+
+bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
+    for (int i = 1; i < argc; ++i) {
+        const OptionText option = splitOption(argv[i]);
+        const bool takesValue = option.name == "--slot" || option.name == "--channels" || option.name == "--output";
+        std::string value;
+        if (takesValue) {
+            if (option.value) {
+                value = *option.value;
+            } else if (i + 1 < argc) {
+                value = argv[++i];
+            } else {
+                error = option.name + " needs a value";
+                return false;
+            }
+        } else if (option.value) {
+            error = option.name + " takes no value";
+            return false;
+        }
+
+        if (option.name == "--slot") {
+            const std::optional<std::uint64_t> slot = parseUnsigned(value, 0, SLOTS - 1);
+            if (!slot) {
+                error = "--slot takes 0.." + std::to_string(SLOTS - 1) + ", not '" + value + "'";
+                return false;
+            }
+            options.slot = *slot;
+        } else if (option.name == "--channels") {
+            const std::optional<std::uint64_t> channels = parseUnsigned(value, 1, 3);
+            if (!channels || *channels == 2) {
+                error = "--channels takes 1 or 3, not '" + value + "'";
+                return false;
+            }
+            options.channels = *channels;
+        } else if (option.name == "--output") {
+            options.format = formatOf(value);
+            if (options.format == Format::None) {
+                error = "--output needs a file name ending in .png or .pgm, not '" + value + "'";
+                return false;
+            }
+            options.output = value;
+        } else if (option.name == "--help" || option.name == "-h") {
+            options.help = true;
+        } else {
+            error = "unknown argument '" + option.name + "'";
+            return false;
+        }
+    }
+    return true;
+}
+
+// After a failed attach: which object is missing or too small, since the error names none.
+void explainAttachFailure(const OVRAException& e) {
+    std::fprintf(stderr, "vidapp-frame-dump: cannot attach the frame segment %s (%llu slots of %zu bytes): %s\n",
+                 SEGMENT_NAME, static_cast<unsigned long long>(SLOTS), sizeof(ISPFrame_t), e.what());
+    for (std::uint64_t number = 1; number <= SLOTS; ++number) {
+        const std::string object = SEGMENT_NAME + std::to_string(number);
+        const int fd = shm_open(object.c_str(), O_RDONLY, 0);
+        if (fd == -1) {
+            std::fprintf(stderr, "vidapp-frame-dump: %s: %s (%llu of %llu slots exist; is vidapp running?)\n",
+                         object.c_str(), std::strerror(errno), static_cast<unsigned long long>(number - 1),
+                         static_cast<unsigned long long>(SLOTS));
+            return;
+        }
+        const off_t size = lseek(fd, 0, SEEK_END);
+        close(fd);
+        if (size >= 0 && static_cast<std::uint64_t>(size) < sizeof(ISPFrame_t)) {
+            std::fprintf(stderr, "vidapp-frame-dump: %s has %lld bytes, a slot needs %zu\n", object.c_str(),
+                         static_cast<long long>(size), sizeof(ISPFrame_t));
+            return;
+        }
+    }
+}
+
+struct Header {
+    std::uint32_t width;
+    std::uint32_t height;
+    std::uint64_t timestamp;
+    std::uint32_t sequenceNumber;
+
+    bool operator==(const Header&) const = default;
+};
+
+Header headerOf(const ISPFrame_t& frame) {
+    return {frame.width, frame.height, frame.timestamp, frame.sequenceNumber};
+}
+
+// Copies the slot out of shared memory, so that encoding works on bytes the writer no longer
+// changes. A header that differs after the copy means a frame was stored meanwhile: copy again.
+void copyFrame(const ISPFrame_t& slot, ISPFrame_t& copy) {
+    for (int attempt = 1;; ++attempt) {
+        std::memcpy(&copy, &slot, sizeof copy);
+        if (headerOf(slot) == headerOf(copy)) {
+            return;
+        }
+        if (attempt == COPY_ATTEMPTS) {
+            std::fprintf(stderr, "vidapp-frame-dump: the slot kept changing while it was copied; the pixels may mix "
+                                 "two frames\n");
+            return;
+        }
+    }
+}
+
+// Writes the pixels in the format of the file name; false with the reason on standard error.
+bool writeImage(const Options& options, const ISPFrame_t& frame) {
+    const int type = options.channels == 3 ? CV_8UC3 : CV_8UC1;
+    // The copy is not changed: the Mat only views it.
+    const cv::Mat pixels(static_cast<int>(frame.height), static_cast<int>(frame.width), type,
+                         const_cast<std::uint8_t*>(frame.pixels));
+    try {
+        if (options.format == Format::Png) {
+            if (!cv::imwrite(options.output, pixels)) {
+                std::fprintf(stderr, "vidapp-frame-dump: cannot write %s\n", options.output.c_str());
+                return false;
+            }
+        } else {
+            cv::Mat grey = pixels;
+            if (options.channels == 3) {
+                cv::cvtColor(pixels, grey, cv::COLOR_BGR2GRAY);
+            }
+            Image::save(grey.data, frame.width, frame.height, options.output.c_str());
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "vidapp-frame-dump: cannot write %s: %s\n", options.output.c_str(), e.what());
+        return false;
+    }
+    const char* kind = options.channels == 1 ? "grey" : (options.format == Format::Png ? "colour" : "grey from colour");
+    std::printf("wrote %s: %u x %u, %s\n", options.output.c_str(), frame.width, frame.height, kind);
+    return true;
+}
+
+int dump(const Options& options) {
+    SharedMemory segment(SEGMENT_NAME, false);
+    try {
+        segment.attach(sizeof(ISPFrame_t), SLOTS, false);
+    } catch (const OVRAException& e) {
+        explainAttachFailure(e);
+        return EXIT_FAILED;
+    }
+    const auto copy = std::make_unique<ISPFrame_t>();
+    copyFrame(*static_cast<const ISPFrame_t*>(segment.getAddress(options.slot)), *copy);
+    const ISPFrame_t& frame = *copy;
+
+    std::printf("%s slot %llu: width %u, height %u, sequence number %u, time stamp %llu\n", SEGMENT_NAME,
+                static_cast<unsigned long long>(options.slot), frame.width, frame.height, frame.sequenceNumber,
+                static_cast<unsigned long long>(frame.timestamp));
+    if (frame.width == 0 || frame.height == 0) {
+        std::fprintf(stderr, "vidapp-frame-dump: slot %llu was never written (width or height 0)\n",
+                     static_cast<unsigned long long>(options.slot));
+        return EXIT_FAILED;
+    }
+    // Width x height fits 64 bits; times the channels it might not, so the slot size is divided.
+    const std::uint64_t pixels = static_cast<std::uint64_t>(frame.width) * frame.height;
+    if (pixels > ISPFrame_t::PIXELS_SIZE / options.channels) {
+        std::fprintf(stderr,
+                     "vidapp-frame-dump: the header of slot %llu does not fit the slot: %u x %u x %llu bytes are more "
+                     "than the %zu pixel bytes of a slot\n",
+                     static_cast<unsigned long long>(options.slot), frame.width, frame.height,
+                     static_cast<unsigned long long>(options.channels), ISPFrame_t::PIXELS_SIZE);
+        return EXIT_FAILED;
+    }
+    if (options.format == Format::None) {
+        return EXIT_OK;
+    }
+    return writeImage(options, frame) ? EXIT_OK : EXIT_FAILED;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    useOwnDebugWord();
+    Options options;
+    std::string error;
+    if (!parseOptions(argc, argv, options, error)) {
+        std::fprintf(stderr, "vidapp-frame-dump: %s\n%s", error.c_str(), USAGE);
+        return EXIT_USAGE;
+    }
+    if (options.help) {
+        printToolHelp();
+        return EXIT_OK;
+    }
+    return dump(options);
+}
