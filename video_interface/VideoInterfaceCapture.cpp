@@ -1,0 +1,129 @@
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "common/OVRAException.h"
+#include "log/OVRALogImplementPrintf.h"
+#include "video_interface/VideoInterfaceAlgorithmProxy.h"
+
+namespace OVRA {
+
+namespace {
+
+constexpr std::uint32_t CAPTURE_ERROR = 416;
+constexpr std::uint32_t STANDARD_EXCEPTION_ERROR = 1045;
+constexpr std::uint32_t FRAME_SLOT = 0;
+
+void printLine(const char* text) {
+    std::fputs(text, stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+} // namespace
+
+void VideoInterfaceAlgorithmProxy::startImageCapturing() {
+    ovraLogImplementPrintf("startImageCapturing() function", LOG_LEVEL_INFO);
+    const std::unique_ptr<FrameSource> source = openFrameSource(getFrameSourceSettings());
+    if (!source->isOpened()) {
+        printLine("Failed to open camera.");
+        ovraLogImplementErrorPrintf(CAPTURE_ERROR, "Failed to open camera.");
+        mCameraRunning.store(false);
+        return;
+    }
+    const std::uint32_t width = source->getWidth();
+    const std::uint32_t height = source->getHeight();
+    std::printf(" Frame size : %u x %u, %llu Pixels %u FPS\n", width, height,
+                static_cast<unsigned long long>(width) * height, source->getFramesPerSecond());
+    std::fflush(stdout);
+
+    std::uint32_t sequenceNumber = 0;
+    cv::Mat frame;
+    while (mCameraRunning.load() && !isShutdownRequested()) {
+        ovraLogImplementPrintf("mCaptureFrame", LOG_LEVEL_INFO);
+        if (!source->read(frame)) {
+            printLine("Capture read error");
+            ovraLogImplementErrorPrintf(CAPTURE_ERROR, "startImageCapturing(): Capture read error:");
+            mCameraRunning.store(false);
+            break;
+        }
+        if (frame.empty()) {
+            printLine("Could not read the image file.");
+            ovraLogImplementErrorPrintf(CAPTURE_ERROR, "startImageCapturing(): Could not read the image file:");
+            mCameraRunning.store(false);
+            break;
+        }
+        const std::uint64_t timestamp_us = ovraSystemTimestamp_us();
+        if (!storeFrame(frame, timestamp_us, sequenceNumber)) {
+            mCameraRunning.store(false);
+            break;
+        }
+
+        OVRAInterSystemMessages::VideoInterfaceResults_t frameIndexData{};
+        frameIndexData.bufferIndex = FRAME_SLOT;
+        frameIndexData.imageWidth = static_cast<std::uint32_t>(frame.cols);
+        frameIndexData.imageHeight = static_cast<std::uint32_t>(frame.rows);
+        frameIndexData.sequenceNumber = sequenceNumber;
+        frameIndexData.timestamp = timestamp_us;
+        sendResults(frameIndexData);
+
+        sequenceNumber = nextSequenceNumber(sequenceNumber);
+        updateCameraStopStatus();
+        if (waitForShutdown(CAPTURE_PACE)) {
+            break;
+        }
+    }
+}
+
+bool VideoInterfaceAlgorithmProxy::storeFrame(const cv::Mat& frame, std::uint64_t timestamp_us,
+                                              std::uint32_t sequenceNumber) {
+    const std::size_t imageBytes = frame.total() * frame.elemSize();
+    if (imageBytes > ISPFrame_t::PIXELS_SIZE) {
+        printLine("Image too large for the frame slot.");
+        ovraLogImplementErrorPrintf(CAPTURE_ERROR,
+                                    "startImageCapturing(): Image too large for the frame slot: %d x %d x %zu bytes "
+                                    "(at most %zu bytes)",
+                                    frame.cols, frame.rows, frame.elemSize(), ISPFrame_t::PIXELS_SIZE);
+        return false;
+    }
+    ovraLogImplementPrintf("getISPFrameInfo()", LOG_LEVEL_INFO);
+    auto* slot = static_cast<ISPFrame_t*>(mSharedMemory.getAddress(FRAME_SLOT));
+    ovraLogImplementPrintf("store() getISPFrameInfo", LOG_LEVEL_INFO);
+
+    // The undistorted image goes straight into the slot; beyond it the slot holds zeros.
+    const std::size_t dirtyBytes = std::max(mSlotDirtyBytes, imageBytes);
+    mSlotDirtyBytes = dirtyBytes; // also right when the remap fails half way
+    cv::Mat pixels(frame.rows, frame.cols, frame.type(), slot->pixels);
+    mUndistorter.undistort(frame, pixels);
+    std::memset(slot->pixels + imageBytes, 0, dirtyBytes - imageBytes);
+    mSlotDirtyBytes = imageBytes;
+    slot->width = static_cast<std::uint32_t>(frame.cols);
+    slot->height = static_cast<std::uint32_t>(frame.rows);
+    slot->timestamp = timestamp_us;
+    slot->sequenceNumber = sequenceNumber;
+    std::memset(slot->reserved, 0, sizeof(slot->reserved));
+    ovraLogImplementPrintf("store() setFull", LOG_LEVEL_INFO);
+    ovraLogImplementPrintf("store() success", LOG_LEVEL_INFO);
+    return true;
+}
+
+void VideoInterfaceAlgorithmProxy::sendResults(const OVRAInterSystemMessages::VideoInterfaceResults_t& results) {
+    // A failed send costs this frame's announcement, never the capture.
+    try {
+        FeatureAppOutput* output = getCommonMessageHandler();
+        if (output == nullptr) {
+            throw std::logic_error("no message handler");
+        }
+        output->sendFeatureAppResults(VIDEO_INTERFACE_RESULTS, &results, sizeof(results));
+        ovraLogImplementPrintf("sendFeatureAppResults(MessageIds_e::VIDEO_INTERFACE_RESULTS, &frameIndexData, "
+                               "sizeof(OVRAInterSystemMessages::VideoInterfaceResults_t))",
+                               LOG_LEVEL_INFO);
+    } catch (const OVRAException& e) {
+        ovraLogImplementErrorPrintf(e.getCode(), "startImageCapturing(): send exception:[%s]", e.what());
+    } catch (const std::exception& e) {
+        ovraLogImplementErrorPrintf(STANDARD_EXCEPTION_ERROR, "startImageCapturing(): send exception:[%s]", e.what());
+    }
+}
+
+} // namespace OVRA
