@@ -4,16 +4,20 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <syslog.h>
+#include <vector>
 
 int shm_dlog_id = -1;
 std::uint64_t* shm_dlog_detail = nullptr;
 
 namespace {
 
-constexpr std::uint64_t bit(unsigned n) { return std::uint64_t{1} << n; }
+constexpr std::uint64_t bit(unsigned n) {
+    return std::uint64_t{1} << n;
+}
 
 // The setting table, indexed by character; the clearing table is its complement.
 constexpr std::array<std::uint64_t, 128> makeSetTable() {
@@ -56,11 +60,24 @@ bool isCommandCharacter(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '#' && c <= '.') || (c >= '1' && c <= '6');
 }
 
-std::atomic_ref<std::uint64_t> word() { return std::atomic_ref<std::uint64_t>(*shm_dlog_detail); }
+// The word's address may change at run time (refreshDLogInterface), while other threads log:
+// the pointer itself is read and swapped atomically.
+std::uint64_t* wordAddress() {
+    return std::atomic_ref<std::uint64_t*>(shm_dlog_detail).load(std::memory_order_acquire);
+}
+
+std::atomic_ref<std::uint64_t> word() {
+    return std::atomic_ref<std::uint64_t>(*wordAddress());
+}
+
+// Mappings of segments that were removed under us; a thread may still be reading through one, so
+// they stay attached until closeDLogInterface.
+std::mutex retiredMutex;
+std::vector<void*> retiredMappings; // guarded by retiredMutex
 
 // A command on a word that was never attached is reported instead of crashing the caller.
 bool attached() {
-    if (shm_dlog_detail == nullptr) {
+    if (wordAddress() == nullptr) {
         std::printf("Invalid DLOG Shared Memory. Serious issue!\n");
         return false;
     }
@@ -92,7 +109,39 @@ int initDLogInterface() {
     return 1;
 }
 
+int refreshDLogInterface() {
+    if (shm_dlog_id == -1 || wordAddress() == nullptr) {
+        return 0;
+    }
+    shmid_ds status{};
+    const bool removed = shmctl(shm_dlog_id, IPC_STAT, &status) == -1 || (status.shm_perm.mode & SHM_DEST) != 0;
+    if (!removed) {
+        return 1;
+    }
+    const int id = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | DLOG_SHARED_MEMORY_MODE);
+    if (id == -1) {
+        return 0;
+    }
+    void* address = shmat(id, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) {
+        return 0;
+    }
+    std::uint64_t* previous = std::atomic_ref<std::uint64_t*>(shm_dlog_detail)
+                                  .exchange(static_cast<std::uint64_t*>(address), std::memory_order_acq_rel);
+    shm_dlog_id = id;
+    std::lock_guard<std::mutex> lock(retiredMutex);
+    retiredMappings.push_back(previous);
+    return 1;
+}
+
 int closeDLogInterface(bool keepSegment) {
+    {
+        std::lock_guard<std::mutex> lock(retiredMutex);
+        for (void* mapping : retiredMappings) {
+            (void)shmdt(mapping);
+        }
+        retiredMappings.clear();
+    }
     if (shm_dlog_detail == nullptr) {
         std::printf("Error: In closeDLogInterface(), found that shared memory is not created\n");
         return 0;
@@ -196,15 +245,39 @@ int printHelp() {
     return 1;
 }
 
-void resetProfilerStart() { clearBits(D_PROFILER_START); }
-void resetProfilerStop() { clearBits(D_PROFILER_STOP); }
-void resetProfilerTransfer() { clearBits(D_PROFILER_TRANSFER); }
-void resetHitchBallStart() { clearBits(D_HITCH_BALL_START); }
-void resetHitchBallStop() { clearBits(D_HITCH_BALL_STOP); }
-void resetDeleteAllFiles() { clearBits(D_DELETE_ALL_FILES); }
-void resetLiveStreamStart() { clearBits(D_LIVE_STREAM_START); }
-void resetLiveStreamStop() { clearBits(D_LIVE_STREAM_STOP); }
-void resetCalibrationStart() { clearBits(D_CALIBRATION_START); }
-void resetCalibrationStop() { clearBits(D_CALIBRATION_STOP); }
-void resetRecordingStart() { clearBits(D_RECORDING_START); }
-void resetRecordingStop() { clearBits(D_RECORDING_STOP); }
+void resetProfilerStart() {
+    clearBits(D_PROFILER_START);
+}
+void resetProfilerStop() {
+    clearBits(D_PROFILER_STOP);
+}
+void resetProfilerTransfer() {
+    clearBits(D_PROFILER_TRANSFER);
+}
+void resetHitchBallStart() {
+    clearBits(D_HITCH_BALL_START);
+}
+void resetHitchBallStop() {
+    clearBits(D_HITCH_BALL_STOP);
+}
+void resetDeleteAllFiles() {
+    clearBits(D_DELETE_ALL_FILES);
+}
+void resetLiveStreamStart() {
+    clearBits(D_LIVE_STREAM_START);
+}
+void resetLiveStreamStop() {
+    clearBits(D_LIVE_STREAM_STOP);
+}
+void resetCalibrationStart() {
+    clearBits(D_CALIBRATION_START);
+}
+void resetCalibrationStop() {
+    clearBits(D_CALIBRATION_STOP);
+}
+void resetRecordingStart() {
+    clearBits(D_RECORDING_START);
+}
+void resetRecordingStop() {
+    clearBits(D_RECORDING_STOP);
+}

@@ -43,6 +43,11 @@ extern std::uint64_t* shm_dlog_detail;
 
 // Gets or creates the segment, attaches it and opens the system log as "OVRALogs". 1 or 0.
 int initDLogInterface();
+// When the attached segment has been marked for removal (an operator removed the word), attaches
+// the key's current segment instead, creating it when absent, so that the process follows the
+// word that the operator tools now use: a fresh word is 0, and logging falls silent. Called once a
+// second by the process's command poll. 1 when a word is attached afterwards, 0 otherwise.
+int refreshDLogInterface();
 // Detaches and closes the system log; unless keepSegment, marks the segment for removal. 1 or 0.
 int closeDLogInterface(bool keepSegment);
 

@@ -230,6 +230,7 @@ void VideoInterfaceAlgorithmProxy::processReceivedMessage(const SystemApplicatio
 void VideoInterfaceAlgorithmProxy::processReceivedMessage(const std::vector<std::uint8_t>& /*message*/) {}
 
 void VideoInterfaceAlgorithmProxy::updateCameraStopStatus() {
+    (void)refreshDLogInterface();
     if (checkDebugOn(D_HITCH_BALL_STOP) != 0 && mCameraRunning.load()) {
         ovraLogImplementPrintf("updateCameraStopStatus(): D_HITCH_BALL_STOP", LOG_LEVEL_INFO);
         resetHitchBallStop();
@@ -240,8 +241,10 @@ void VideoInterfaceAlgorithmProxy::updateCameraStopStatus() {
 void VideoInterfaceAlgorithmProxy::readSharedCommand() {
     printLine("readSharedCommand() function");
     ovraLogImplementPrintf("readSharedCommand() function:", LOG_LEVEL_INFO);
-    // The flag word is read straight from shared memory: nothing to refresh.
     while (!waitForShutdown(COMMAND_POLL_PERIOD)) {
+        // The word is read straight from shared memory; refreshing follows an operator who
+        // removed and recreated it.
+        (void)refreshDLogInterface();
         if (checkDebugOn(D_LIVE_STREAM_START) == 0 || mCameraRunning.load()) {
             continue;
         }

@@ -335,6 +335,47 @@ TEST_F(DynamicDebugTest, CloseReportsASegmentRemovedBehindItsBack) {
               "Marking for destruction of Shared Memory DLog, failed\n");
 }
 
+TEST_F(DynamicDebugTest, RefreshKeepsAWordThatIsStillInPlace) {
+    setDebugBits("+L3");
+    std::uint64_t* before = shm_dlog_detail;
+    EXPECT_EQ(refreshDLogInterface(), 1);
+    EXPECT_EQ(shm_dlog_detail, before);
+    EXPECT_EQ(checkDebugOn(0x2000000000ULL | D_LOG_LEVEL_INFO), 1);
+}
+
+TEST_F(DynamicDebugTest, RefreshFollowsAWordRemovedAndRecreatedByAnOperator) {
+    setDebugBits("+L3");
+    const int removedId = shm_dlog_id;
+    // The operator removes the word; the next operator command creates a fresh one.
+    ASSERT_EQ(shmctl(removedId, IPC_RMID, nullptr), 0);
+    const int freshId = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | 0666);
+    ASSERT_NE(freshId, -1);
+    ASSERT_NE(freshId, removedId);
+
+    ASSERT_EQ(refreshDLogInterface(), 1);
+    EXPECT_EQ(shm_dlog_id, freshId);
+    EXPECT_EQ(word(), 0U) << "logging falls silent with the fresh word";
+    EXPECT_EQ(checkDebugOn(D_LOG_LEVEL_INFO), 0);
+
+    // Commands given to the fresh word reach this process again.
+    void* operatorView = shmat(freshId, nullptr, 0);
+    ASSERT_NE(operatorView, reinterpret_cast<void*>(-1));
+    *static_cast<std::uint64_t*>(operatorView) = D_LIVE_STREAM_START;
+    EXPECT_EQ(checkDebugOn(D_LIVE_STREAM_START), 1);
+    ASSERT_EQ(shmdt(operatorView), 0);
+}
+
+TEST_F(DynamicDebugTest, RefreshCreatesTheWordWhenNoneIsLeft) {
+    ASSERT_EQ(shmctl(shm_dlog_id, IPC_RMID, nullptr), 0);
+    ASSERT_EQ(refreshDLogInterface(), 1);
+    EXPECT_TRUE(segmentExists());
+    EXPECT_EQ(word(), 0U);
+    // The replaced mapping is detached on close, with the current one.
+    ASSERT_EQ(closeDLogInterface(false), 1);
+    attachedHere = false;
+    EXPECT_FALSE(segmentExists());
+}
+
 TEST_F(DynamicDebugTest, UnattachedWordIsReportedNotDereferenced) {
     ASSERT_EQ(closeDLogInterface(false), 1);
     attachedHere = false;

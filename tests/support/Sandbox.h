@@ -4,7 +4,7 @@
 
 namespace vidapp::test {
 
-// True inside tests/support/sandbox: private IPC, network and mount namespaces with loopback up
+// True inside scripts/sandbox: private IPC, network and mount namespaces with loopback up
 // and a private tmpfs on /dev/shm.
 bool inSandbox();
 // True when the sandbox also gave /NFS a private tmpfs.
@@ -16,7 +16,7 @@ bool hasPrivateNfs();
 #define VIDAPP_REQUIRE_SANDBOX()                                                                                       \
     do {                                                                                                               \
         if (!::vidapp::test::inSandbox()) {                                                                            \
-            GTEST_SKIP() << "needs the private namespaces of tests/support/sandbox (run it through ctest)";           \
+            GTEST_SKIP() << "needs the private namespaces of scripts/sandbox (run it through ctest)";           \
         }                                                                                                              \
     } while (false)
 
