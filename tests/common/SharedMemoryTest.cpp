@@ -17,37 +17,26 @@
 
 #include "common/OVRAException.h"
 #include "tests/support/Child.h"
+#include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ProcessState.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
+using vidapp::test::openDescriptors;
+using vidapp::test::shmObjects;
+
+// "<code> <text>" of the shared memory exception that call throws, or "none".
+template <typename Call> std::string failureOf(Call&& call) {
+    return vidapp::test::failureOf<SharedMemoryException>(std::forward<Call>(call));
+}
+template <typename Exception, typename Call> std::string failureOf(Call&& call) {
+    return vidapp::test::failureOf<Exception>(std::forward<Call>(call));
+}
+
 constexpr const char* BASE = "TEST_FRAME";
 constexpr std::uint64_t SIZE = 4096;
-
-std::set<std::string> shmObjects() {
-    std::set<std::string> names;
-    if (DIR* dir = ::opendir("/dev/shm")) {
-        while (const dirent* entry = ::readdir(dir)) {
-            if (entry->d_name[0] != '.') {
-                names.insert(entry->d_name);
-            }
-        }
-        ::closedir(dir);
-    }
-    return names;
-}
-
-std::size_t openDescriptors() {
-    std::size_t count = 0;
-    if (DIR* dir = ::opendir("/proc/self/fd")) {
-        while (const dirent* entry = ::readdir(dir)) {
-            count += entry->d_name[0] != '.' ? 1 : 0;
-        }
-        ::closedir(dir);
-    }
-    return count;
-}
 
 // Descriptors of this process that refer to /dev/shm/<name>.
 std::set<int> descriptorsOf(const std::string& name) {
@@ -79,16 +68,6 @@ std::string mappingPermissions(const void* address) {
         }
     }
     return "";
-}
-
-// "<code> <text>" of the Exception that call throws, or "none".
-template <typename Exception = SharedMemoryException, typename Call> std::string failureOf(Call&& call) {
-    try {
-        call();
-    } catch (const Exception& e) {
-        return std::to_string(e.getCode()) + " " + e.what();
-    }
-    return "none";
 }
 
 class SharedMemoryTest : public ::testing::Test {

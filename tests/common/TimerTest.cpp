@@ -17,9 +17,12 @@
 #include <vector>
 
 #include "common/OVRAException.h"
+#include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
+
+using vidapp::test::expectFailure;
 
 using namespace std::chrono_literals;
 using OVRA::Task;
@@ -131,16 +134,6 @@ bool hasThreadNamed(const std::string& name) {
         }
     }
     return false;
-}
-
-template <typename Exception, typename Call> void expectFailure(Call&& call, std::uint32_t code, const char* text) {
-    try {
-        call();
-        ADD_FAILURE() << "no exception, expected " << code << " " << text;
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.getCode(), code);
-        EXPECT_STREQ(e.what(), text);
-    }
 }
 
 class TimerTest : public ::testing::Test {

@@ -20,6 +20,7 @@
 
 #include "common/OVRAException.h"
 #include "communication/OVRACommunicationUtils.h"
+#include "tests/support/DescriptorLimit.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Udp.h"
@@ -88,30 +89,7 @@ private:
     std::vector<Delivery> deliveries;
 };
 
-// Sets the soft descriptor limit for the test's duration.
-class DescriptorLimit {
-public:
-    explicit DescriptorLimit(rlim_t soft) {
-        // The sanitizer runtime checks a type it meets for the first time through a pipe of its
-        // own; meeting the exception type now, with descriptors free, spares it that later.
-        try {
-            throw CommunicationException(0, "");
-        } catch (const CommunicationException& e) {
-            const CommunicationException copy(e);
-            EXPECT_STREQ(copy.what(), "");
-        }
-        getrlimit(RLIMIT_NOFILE, &saved);
-        rlimit changed = saved;
-        changed.rlim_cur = std::min(soft, saved.rlim_max);
-        ok = setrlimit(RLIMIT_NOFILE, &changed) == 0 && changed.rlim_cur == soft;
-    }
-    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &saved); }
-    bool applied() const { return ok; }
-
-private:
-    rlimit saved{};
-    bool ok = false;
-};
+using vidapp::test::DescriptorLimit;
 
 template <typename Call> CommunicationException expectCommunicationException(Call&& call) {
     try {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/OVRAException.h"
+#include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -25,21 +26,9 @@ std::vector<std::string> words(const std::string& text) {
     return {std::istream_iterator<std::string>(stream), std::istream_iterator<std::string>()};
 }
 
-class OVRACommunicationUtilsTest : public ::testing::Test {
-protected:
-    // call must throw exactly Exception with that code and text.
-    template <typename Exception, typename Call>
-    static void expectFailure(Call&& call, std::uint32_t code, const std::string& text) {
-        try {
-            call();
-            ADD_FAILURE() << "no exception; expected " << code << " \"" << text << "\"";
-        } catch (const OVRAException& e) {
-            EXPECT_EQ(typeid(e), typeid(Exception)) << typeid(e).name();
-            EXPECT_EQ(e.getCode(), code);
-            EXPECT_EQ(std::string(e.what()), text);
-        }
-    }
-};
+class OVRACommunicationUtilsTest : public ::testing::Test {};
+
+using vidapp::test::expectFailure;
 
 TEST_F(OVRACommunicationUtilsTest, HostMessageIds) {
     const auto named = words("FUSED_TRACK_DATA DYNAMIC_VEHICLE_INFO SPP_FEATURE_RESULTS MOBILEYE_FUSION_DATA "

@@ -13,33 +13,15 @@
 #include <vector>
 
 #include "common/OVRAException.h"
+#include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ProcessState.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
-// "<code> <text>" of the Exception that call throws, or "none".
-template <typename Exception, typename Call> std::string failureOf(Call&& call) {
-    try {
-        call();
-    } catch (const Exception& e) {
-        return std::to_string(e.getCode()) + " " + e.what();
-    }
-    return "none";
-}
-
-std::set<std::string> shmObjects() {
-    std::set<std::string> names;
-    if (DIR* dir = ::opendir("/dev/shm")) {
-        while (const dirent* entry = ::readdir(dir)) {
-            if (entry->d_name[0] != '.') {
-                names.insert(entry->d_name);
-            }
-        }
-        ::closedir(dir);
-    }
-    return names;
-}
+using vidapp::test::failureOf;
+using vidapp::test::shmObjects;
 
 // Reads back what the algorithm proxy would put into its ImageReady message.
 class RecordingListener : public BufferListener {
