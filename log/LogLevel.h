@@ -4,7 +4,9 @@
 
 namespace OVRA {
 
-enum LogLevel_e : std::uint8_t {
+// int rather than 8 bits: the level is the last named parameter before the variable arguments of
+// ovraLogImplementPrintf, and va_start needs a type that argument passing does not promote.
+enum LogLevel_e : int {
     LOG_LEVEL_ERROR = 1,
     LOG_LEVEL_WARNING = 2,
     LOG_LEVEL_INFO = 3,
