@@ -101,13 +101,16 @@ void ImageFile::load() {
 
     const std::size_t expected = static_cast<std::size_t>(mWidth) * mHeight;
     // Reserve no more than the rest of the file can fill, whatever the header claims.
+    // A stream that cannot seek (a pipe) is read as it comes, growing as the bytes arrive.
     const std::streampos dataStart = file.tellg();
-    file.seekg(0, std::ios::end);
-    const std::streampos fileEnd = file.tellg();
-    file.seekg(dataStart);
-    if (dataStart != std::streampos(-1) && fileEnd != std::streampos(-1) && fileEnd >= dataStart) {
-        mPixels.reserve(std::min(expected, static_cast<std::size_t>(fileEnd - dataStart)));
+    if (dataStart != std::streampos(-1) && file.seekg(0, std::ios::end)) {
+        const std::streampos fileEnd = file.tellg();
+        file.seekg(dataStart);
+        if (fileEnd != std::streampos(-1) && fileEnd >= dataStart) {
+            mPixels.reserve(std::min(expected, static_cast<std::size_t>(fileEnd - dataStart)));
+        }
     }
+    file.clear();
 
     // Keep at most one byte beyond the image: enough to know the file is too long, while the
     // whole rest is counted for the message.

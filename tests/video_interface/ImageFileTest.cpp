@@ -10,6 +10,8 @@
 #include <new>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -105,6 +107,29 @@ TEST_F(ImageFileTest, LoadsAFileAndSaveReproducesItByteForByte) {
     Image::save(image.getPixelsArray(), image.getImageWidth(), image.getImageHeight(), path("out.pgm").c_str());
     EXPECT_EQ(readFileBytes(path("out.pgm")), readFileBytes(path("in.pgm")));
     EXPECT_EQ(log.countErrors(1045), 0U);
+}
+
+TEST_F(ImageFileTest, AnImageArrivingThroughAPipeLoads) {
+    const unsigned width = 300;
+    const unsigned height = 200;
+    const auto pixels = pgmTestPattern(width, height);
+    const std::string bytes = vidapp::test::pgmBytes(width, height, pixels);
+    ASSERT_EQ(::mkfifo(path("in.pgm").c_str(), 0600), 0);
+    std::thread writer([&] {
+        const int fd = ::open(path("in.pgm").c_str(), O_WRONLY);
+        for (std::size_t at = 0; fd >= 0 && at < bytes.size();) {
+            const ssize_t written = ::write(fd, bytes.data() + at, bytes.size() - at);
+            if (written <= 0) {
+                break;
+            }
+            at += static_cast<std::size_t>(written);
+        }
+        ::close(fd);
+    });
+
+    const std::string error = loadError(path("in.pgm"));
+    writer.join();
+    EXPECT_EQ(error, "");
 }
 
 TEST_F(ImageFileTest, SaveReplacesAnExistingFile) {
