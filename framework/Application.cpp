@@ -81,10 +81,12 @@ int Application::main() {
         startApplication();
         initSignalsMask(signals, {SIGINT});
     } catch (const OVRAException& e) {
+        mStartupFailure = e.what();
         ovraLogImplementErrorPrintf(e.getCode(), "mainEntry(): OVRA exception [%s]", e.what());
         stopApplication();
         return 1;
     } catch (const std::exception& e) {
+        mStartupFailure = e.what();
         ovraLogImplementErrorPrintf(STANDARD_EXCEPTION_ERROR, "mainEntry(): STD exception:[%s]", e.what());
         stopApplication();
         return 1;

@@ -36,6 +36,9 @@ public:
     // The whole life of the application; returns the exit status: stopApplication()'s result after
     // SIGINT, 1 after a failure of init or start (once stopApplication() has run).
     int main();
+    // Why main() returned 1 after a failure of init or start: the text of what was thrown (also in
+    // the error record, which only the system log receives). Empty otherwise. Main thread.
+    const std::string& getStartupFailure() const { return mStartupFailure; }
 
     // Entry of every received message (receive thread). Logs and counts a message the feature
     // does not accept (error 1203); nothing escapes.
@@ -78,6 +81,7 @@ private:
     std::uint64_t mLastArrivalTime_us = 0; // 0: nothing arrived yet
     std::uint32_t mConsecutiveDroppedMessages = 0;
     std::atomic<std::uint8_t> mRunning{0};
+    std::string mStartupFailure; // main thread
 };
 
 } // namespace OVRA

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <exception>
 #include <pthread.h>
+#include <string>
 #include <thread>
 
 #include "common/OVRAException.h"
@@ -25,19 +26,20 @@ constexpr std::uint16_t APPLICATION_THREADS = 1;
 
 std::thread profileThread;
 
-// The profiling thread starts before main blocks SIGINT; it is started with SIGINT blocked all the
-// same, so that an early SIGINT waits for the signal wait instead of ending the process.
+// SIGINT is blocked before anything else happens: every thread inherits the block, and a SIGINT
+// that arrives at any point of start-up stays pending until the signal wait, which it then ends at
+// once, so the process still ends in order.
+void blockInterrupt() {
+    sigset_t signals;
+    OVRA::initSignalsMask(signals, {SIGINT});
+    OVRA::blockThreadSignals(signals);
+}
+
 void startProfileThread() {
-    sigset_t interrupt;
-    sigset_t previous;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &interrupt, &previous);
     profileThread = std::thread([] {
         pthread_setname_np(pthread_self(), "profile");
         OVRA::profile();
     });
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void joinProfileThread() {
@@ -47,11 +49,8 @@ void joinProfileThread() {
     }
 }
 
-int runApplication() {
-    sigset_t signals;
-    OVRA::initSignalsMask(signals, {SIGINT});
-    OVRA::blockThreadSignals(signals);
-
+// The exit status; failureReason gets what ended a failed start-up.
+int runApplication(std::string& failureReason) {
     static OVRA::VideoInterfacePipe pipe(PIPE_DEPTH, PIPE_CONSUMERS);
     pipe.setTriggerArmed(true);
     static OVRA::VideoInterfaceAlgorithmProxy proxy;
@@ -59,12 +58,25 @@ int runApplication() {
 
     OVRA::FeatureApplication<OVRA::VideoInterfaceInputAggregate_t> application(
         "vidapp", OVRA::VIDAPP_CHANNEL_NAME, OVRA::VIDAPP_UDP_PORT, proxy, pipe, APPLICATION_THREADS);
-    return application.main();
+    const int status = application.main();
+    failureReason = application.getStartupFailure();
+    return status;
+}
+
+// The error records go to the system log only: an operator starting vidapp by hand learns from
+// standard error why it ended with status 1.
+void reportFailure(const std::string& reason) {
+    if (reason.empty()) {
+        std::fputs("vidapp: ended with status 1; the reasons are in the system log (OVRALogs)\n", stderr);
+    } else {
+        std::fprintf(stderr, "vidapp: start-up failed: %s\n", reason.c_str());
+    }
 }
 
 } // namespace
 
 int main() {
+    blockInterrupt();
     if (initDLogInterface() == 0) {
         std::fputs("Shared memory Initialization Failed. Exiting!!\n", stdout);
         return 0;
@@ -81,18 +93,25 @@ int main() {
                    stderr);
     }
     if (logClientReady) {
+        std::string failureReason;
         try {
-            status = runApplication();
+            status = runApplication(failureReason);
         } catch (const OVRAException& e) {
             ovraLogImplementErrorPrintf(e.getCode(), "%s", e.what());
+            failureReason = e.what();
             status = 1;
         } catch (const std::exception& e) {
             ovraLogImplementErrorPrintf(STANDARD_EXCEPTION_ERROR, "%s", e.what());
+            failureReason = e.what();
             status = 1;
         } catch (...) {
             ovraLogImplementErrorPrintf(UNEXPECTED_ERROR,
                                         "VideoInterfaceApplication.main(): general unexpected exception!");
+            failureReason = "general unexpected exception";
             status = 1;
+        }
+        if (status == 1) {
+            reportFailure(failureReason);
         }
     }
     joinProfileThread();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -161,6 +162,44 @@ TEST_F(ApplicationTest, UnusablePortFailsTheStartAfterTheWorkersWereStarted) {
                                      "eatureAppRun() #runs= 0, #errors= 0, cadence= 0.00 ms (shortest run= 0.00 ms, "
                                      "Longest run= 0.00 ms)",
                                      "stop() OK (time= "}));
+}
+
+TEST_F(ApplicationTest, StartupFailureKeepsItsReasonForTheProcessEntry) {
+    VIDAPP_REQUIRE_SANDBOX();
+    // The reason is printed by the child: "REASON [<text>] STATUS <n>".
+    const auto run = [](TestAlgorithm::InitFailure failure) {
+        return runInChild(
+            [failure] {
+                blockSigint();
+                EchoingLogCapture capture;
+                TestPipe pipe(8, 1);
+                TestAlgorithm algorithm(failure);
+                OVRA::FeatureApplication<TestRecord_t> application("featureapp", OVRA::VIDAPP_CHANNEL_NAME,
+                                                                   OVRA::VIDAPP_UDP_PORT, algorithm, pipe, 1);
+                if (failure == TestAlgorithm::InitFailure::NONE) {
+                    kill(getpid(), SIGINT);
+                }
+                const int status = application.main();
+                std::printf("REASON [%s] STATUS %d\n", application.getStartupFailure().c_str(), status);
+                return 0;
+            },
+            {}, DEADLINE);
+    };
+
+    ChildResult result = run(TestAlgorithm::InitFailure::OVRA);
+    EXPECT_NE(result.out.find("REASON [init refused] STATUS 1\n"), std::string::npos) << result.describe();
+    result = run(TestAlgorithm::InitFailure::STANDARD);
+    EXPECT_NE(result.out.find("REASON [init broke] STATUS 1\n"), std::string::npos) << result.describe();
+    {
+        UdpReceiver squatter(OVRA::VIDAPP_UDP_PORT);
+        result = run(TestAlgorithm::InitFailure::NONE);
+    }
+    EXPECT_NE(result.out.find("REASON [InputIPC::setupUDP(): channel [to_vidapp], upd port:50427, bind() errno: 98 "
+                              "(Address already in use)] STATUS 1\n"),
+              std::string::npos)
+        << result.describe();
+    result = run(TestAlgorithm::InitFailure::NONE);
+    EXPECT_NE(result.out.find("REASON [] STATUS 0\n"), std::string::npos) << result.describe();
 }
 
 TEST_F(ApplicationTest, TerminateHandlerReportsWhatEndedTheProcess) {

@@ -31,6 +31,7 @@
 #include "tests/support/Sandbox.h"
 #include "tests/support/Udp.h"
 #include "tests/support/VidappFrames.h"
+#include "tests/support/VidappProcess.h"
 
 // The real vidapp process, run in the test's sandbox and watched through the test's own sockets,
 // shared memory and flag word.
@@ -41,129 +42,18 @@ using namespace std::chrono_literals;
 using vidapp::test::Child;
 using vidapp::test::ChildOptions;
 using vidapp::test::ChildResult;
-using vidapp::test::UdpReceiver;
+using vidapp::test::FlagWord;
+using vidapp::test::frameObjects;
+using vidapp::test::toMessage;
+using vidapp::test::waitUntil;
 
-constexpr const char* VIDAPP = VIDAPP_BIN_DIR "/vidapp";
-constexpr auto MESSAGE_TIMEOUT = 10s;
-constexpr std::uint64_t LOGGING = 0x2000000000ULL | D_LOG_LEVEL_ERROR | D_LOG_LEVEL_INFO | D_LOG_LEVEL_DEBUG;
+constexpr const char* VIDAPP = vidapp::test::VIDAPP_PATH;
+constexpr std::uint64_t LOGGING = vidapp::test::VIDAPP_LOGGING;
 const std::string PATTERN_PIPELINE_CAPS = "video/x-raw,width=320,height=240,framerate=10/1 ! videoconvert ! "
                                           "video/x-raw,format=BGR ! appsink";
 
-OVRA::PDUMessage_t toMessage(const std::vector<std::uint8_t>& bytes) {
-    OVRA::PDUMessage_t message{};
-    std::memcpy(&message, bytes.data(), std::min(bytes.size(), sizeof message));
-    return message;
-}
-
-// A host message as the router would send it.
-std::vector<std::uint8_t> hostMessage(std::uint32_t id, std::uint16_t count, const std::vector<std::uint8_t>& payload) {
-    OVRA::PDUMessage_t message{};
-    message.messageId = id;
-    message.length = static_cast<std::uint32_t>(OVRA::PDU_LENGTH_FIELD_HEADER_BYTES + payload.size());
-    message.count = count;
-    message.timestamp = ovraSystemTimestamp_us();
-    std::memcpy(message.payload, payload.data(), payload.size());
-    message.crc = DataValidity::computeMessageCRC(&message);
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&message);
-    return {bytes, bytes + OVRA::PDU_HEADER_SIZE + payload.size()};
-}
-
-std::vector<std::string> frameObjects() {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator("/dev/shm")) {
-        if (entry.path().filename().string().rfind("IMAGE_FRAME", 0) == 0) {
-            names.push_back(entry.path().filename().string());
-        }
-    }
-    return names;
-}
-
-// The system's flag word, attached by the test in its own IPC namespace.
-class FlagWord {
-public:
-    FlagWord() {
-        id = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | DLOG_SHARED_MEMORY_MODE);
-        if (id != -1) {
-            word = static_cast<std::uint64_t*>(shmat(id, nullptr, 0));
-        }
-    }
-    ~FlagWord() {
-        if (word != nullptr && word != reinterpret_cast<std::uint64_t*>(-1)) {
-            shmdt(word);
-        }
-        if (id != -1) {
-            shmctl(id, IPC_RMID, nullptr);
-        }
-    }
-    bool attached() const { return id != -1 && word != reinterpret_cast<std::uint64_t*>(-1); }
-    void set(std::uint64_t bits) { std::atomic_ref<std::uint64_t>(*word).fetch_or(bits); }
-    std::uint64_t value() const { return std::atomic_ref<std::uint64_t>(*word).load(); }
-
-private:
-    int id = -1;
-    std::uint64_t* word = nullptr;
-};
-
-class VidappProcessTest : public ::testing::Test {
+class VidappProcessTest : public vidapp::test::VidappProcess {
 protected:
-    void SetUp() override {
-        VIDAPP_REQUIRE_SANDBOX();
-        VIDAPP_REQUIRE_NFS();
-        char pattern[] = "/tmp/vidapp-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        workingDirectory = pattern;
-        frameDirectory = workingDirectory + "/frames";
-        fs::create_directory(frameDirectory);
-    }
-
-    void TearDown() override {
-        if (vidapp && vidapp->running()) {
-            vidapp->signal(SIGCONT);
-            vidapp->signal(SIGINT);
-            vidapp->wait(5s);
-        }
-        vidapp.reset();
-        if (!workingDirectory.empty()) {
-            fs::remove_all(workingDirectory);
-        }
-    }
-
-    // Starts vidapp in the working directory with its camera variables cleared, then set from
-    // environment, and waits for its READY report.
-    void startVidapp(const std::vector<std::string>& environment = {}) {
-        ChildOptions options;
-        options.unsetEnvironment = {"VIDAPP_CAMERA_PIPELINE", "VIDAPP_FRAME_DIR", "CLOCK_DIVISOR"};
-        options.setEnvironment = environment;
-        options.workingDirectory = workingDirectory;
-        vidapp = std::make_unique<Child>(std::vector<std::string>{VIDAPP}, options);
-        const auto ready = launcher.receive(MESSAGE_TIMEOUT);
-        ASSERT_TRUE(ready.has_value()) << "no READY report\n" << vidapp->wait(1s).describe();
-        readyReport = *ready;
-    }
-
-    // SIGINT, and the exit that must follow within two seconds.
-    void stopVidapp() {
-        ASSERT_TRUE(vidapp);
-        const auto sentAt = std::chrono::steady_clock::now();
-        vidapp->signal(SIGINT);
-        const ChildResult result = vidapp->wait(10s);
-        const auto took = std::chrono::steady_clock::now() - sentAt;
-        EXPECT_TRUE(result.exited && result.exitCode == 0) << result.describe();
-        EXPECT_LT(took, 2s) << result.describe();
-        EXPECT_TRUE(frameObjects().empty()) << "the frame segment is removed at exit";
-    }
-
-    static bool waitUntil(const std::function<bool()>& ready, std::chrono::milliseconds timeout) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (!ready()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(20ms);
-        }
-        return true;
-    }
-
     // The next VIDEO_INTERFACE_RESULTS, with a copy of slot 0 taken while vidapp is held (SIGSTOP).
     // vidapp waits 95 ms after each message before it reads its next frame, so a hold that took
     // effect well within that time finds the slot still holding this message's frame; after the last
@@ -179,7 +69,7 @@ protected:
             return std::nullopt;
         }
         vidapp->signal(SIGSTOP);
-        const bool held = waitUntilStopped(vidapp->pid());
+        const bool held = vidapp::test::waitUntilStopped(vidapp->pid());
         const std::uint64_t heldAt_us = ovraSystemTimestamp_us();
         if (!slotView) {
             slotView = std::make_unique<SharedMemory>("IMAGE_FRAME", true);
@@ -191,29 +81,6 @@ protected:
         const std::uint64_t sentAt_us = toMessage(announcement.datagram).timestamp;
         announcement.slotHoldsThisFrame = held && (lastFrame || heldAt_us < sentAt_us + 80000);
         return announcement;
-    }
-
-    // True once every thread of the process is stopped.
-    static bool waitUntilStopped(pid_t pid) {
-        const fs::path tasks = "/proc/" + std::to_string(pid) + "/task";
-        return waitUntil(
-            [&] {
-                std::error_code error;
-                for (const auto& task : fs::directory_iterator(tasks, error)) {
-                    std::string stat;
-                    std::getline(std::ifstream(task.path() / "stat"), stat);
-                    if (stat.empty()) {
-                        continue; // the thread has ended
-                    }
-                    const std::size_t close = stat.rfind(')');
-                    if (close == std::string::npos || close + 2 >= stat.size() ||
-                        (stat[close + 2] != 'T' && stat[close + 2] != 't')) {
-                        return false;
-                    }
-                }
-                return !error;
-            },
-            5s);
     }
 
     // Checks the message and slot 0 of the frame-th frame: header, protection, payload, pixels.
@@ -243,15 +110,6 @@ protected:
                   "");
     }
 
-    vidapp::test::LogCapture log; // keeps the test process's own records off the flag word
-    FlagWord flags;
-    UdpReceiver launcher{OVRA::LAUNCHER_UDP_PORT};
-    UdpReceiver router{OVRA::ROUTER_UDP_PORT};
-    DataValidity verifier; // built before any ProtocolVersion.ini exists: version 0
-    std::string workingDirectory;
-    std::string frameDirectory;
-    std::unique_ptr<Child> vidapp;
-    std::vector<std::uint8_t> readyReport;
     std::unique_ptr<SharedMemory> slotView;
 };
 
@@ -367,7 +225,7 @@ TEST_F(VidappProcessTest, MissingCameraIsReportedAndCameraSupportDataSetsTheFram
     ASSERT_TRUE(vidapp->waitForOutput("Failed to open camera.\n", MESSAGE_TIMEOUT)) << vidapp->out();
 
     vidapp::test::UdpSender sender(OVRA::VIDAPP_UDP_PORT);
-    sender.send(hostMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(248, 0)));
+    sender.send(vidapp::test::routerMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(248, 0)));
 
     EXPECT_TRUE(vidapp->waitForOutput("vidapp: BufferManager.recordCameraFramesRate(): Frame Rate to 3.000000E+01 fps "
                                       "(3.333333E+01 ms)\n",
@@ -396,8 +254,8 @@ TEST_F(VidappProcessTest, MalformedCameraSupportDataIsLoggedAndDropped) {
             return;
         }
         vidapp::test::UdpSender sender(OVRA::VIDAPP_UDP_PORT);
-        sender.send(hostMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(100, 0)));
-        sender.send(hostMessage(OVRA::CAMERA_SUPPORT_DATA, 2, std::vector<std::uint8_t>(248, 0)));
+        sender.send(vidapp::test::routerMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(100, 0)));
+        sender.send(vidapp::test::routerMessage(OVRA::CAMERA_SUPPORT_DATA, 2, std::vector<std::uint8_t>(248, 0)));
         // Every message's ID is traced on standard output as it is decoded, one after the other.
         const auto traced = [&process] {
             const std::string out = process.out();
