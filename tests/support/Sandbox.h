@@ -16,7 +16,7 @@ bool hasPrivateNfs();
 #define VIDAPP_REQUIRE_SANDBOX()                                                                                       \
     do {                                                                                                               \
         if (!::vidapp::test::inSandbox()) {                                                                            \
-            GTEST_SKIP() << "needs the private namespaces of scripts/sandbox (run it through ctest)";           \
+            GTEST_SKIP() << "needs the private namespaces of scripts/sandbox (run it through ctest)";                  \
         }                                                                                                              \
     } while (false)
 
