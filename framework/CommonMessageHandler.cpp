@@ -119,6 +119,9 @@ void CommonMessageHandler::doSend(unsigned int messageId, const void* data, unsi
     outgoingMessage.messageId = messageId;
     outgoingMessage.length = static_cast<std::uint32_t>(size) + OVRA::PDU_LENGTH_FIELD_HEADER_BYTES;
     outgoingMessage.timestamp = ovraSystemTimestamp_us();
+    // The configured protocol version ("/NFS/ProtocolVersion.ini", 0 without it), which a router
+    // that verifies the message expects.
+    outgoingMessage.version = dataValidity.getT1DVersion();
     std::memcpy(outgoingMessage.payload, data, size);
     std::uint32_t& count = countFor(messageId);
     ++count;

@@ -18,6 +18,7 @@
 #include "common/OVRAException.h"
 #include "common/SignalHandling.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Pgm.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Udp.h"
 
@@ -188,6 +189,23 @@ TEST_F(CommonMessageHandlerTest, ResultsCarryCountsPerIdAndAValidCrc) {
         EXPECT_EQ(header(second).count, round);
         EXPECT_EQ(header(second).crc, referenceCrc(second.data() + 12, second.size() - 12));
     }
+}
+
+TEST_F(CommonMessageHandlerTest, ResultsCarryTheConfiguredProtocolVersion) {
+    VIDAPP_REQUIRE_NFS();
+    vidapp::test::writeFileBytes("/NFS/ProtocolVersion.ini", "[Protocol]\nT1D_VER=0102\n");
+    CommonMessageHandler configuredHub{OVRA::VIDAPP_CHANNEL_NAME, PORT, application};
+    DataValidity configuredRouter;
+    const std::uint8_t results[24] = {7};
+
+    configuredHub.sendFeatureAppResults(ID, results, sizeof(results));
+
+    const Bytes datagram = nextResult();
+    ASSERT_EQ(datagram.size(), 48u);
+    const OVRA::PDUMessage_t message = header(datagram);
+    EXPECT_EQ(message.version, 0x0102);
+    EXPECT_EQ(message.count, 1u);
+    EXPECT_EQ(configuredRouter.verify(&message, datagram.size()), DataValidity::OK);
 }
 
 TEST_F(CommonMessageHandlerTest, OnlyKnownIdsAndPayloadsOfOneTo64000BytesAreSent) {

@@ -84,16 +84,18 @@ protected:
     }
 
     // Checks the message and slot 0 of the frame-th frame: header, protection, payload, pixels.
-    void expectFrame(const Announcement& announcement, const cv::Mat& image, std::uint32_t frame) {
+    // A router configured like vidapp (the same ProtocolVersion.ini) verifies the message.
+    void expectFrame(const Announcement& announcement, const cv::Mat& image, std::uint32_t frame,
+                     DataValidity& receiver, std::uint16_t version) {
         SCOPED_TRACE("frame " + std::to_string(frame));
         ASSERT_EQ(announcement.datagram.size(), 48U);
         const OVRA::PDUMessage_t message = toMessage(announcement.datagram);
         EXPECT_EQ(message.messageId, OVRA::VIDEO_INTERFACE_RESULTS);
         EXPECT_EQ(message.length, 40U);
         EXPECT_EQ(message.count, frame + 1);
-        EXPECT_EQ(message.version, 0U) << "the hub's send path stamps no version";
+        EXPECT_EQ(message.version, version);
         EXPECT_EQ(message.crc, DataValidity::computeMessageCRC(&message));
-        EXPECT_EQ(verifier.verify(&message, announcement.datagram.size()), DataValidity::OK);
+        EXPECT_EQ(receiver.verify(&message, announcement.datagram.size()), DataValidity::OK);
         const auto results = vidapp::test::parseResults(message.payload);
         EXPECT_EQ(results.bufferIndex, 0U);
         EXPECT_EQ(results.imageWidth, static_cast<std::uint32_t>(image.cols));
@@ -145,6 +147,8 @@ TEST_F(VidappProcessTest, ReportsReadyAndCreatesTheFrameSegment) {
 
 TEST_F(VidappProcessTest, ImagesOfAFrameDirectoryReachTheRouterAndSlotZero) {
     vidapp::test::writeFileBytes("/NFS/ProtocolVersion.ini", "[Protocol]\nT1D_VER=0102\n");
+    DataValidity configuredReceiver; // reads the same file: version 0x0102
+    ASSERT_EQ(configuredReceiver.getT1DVersion(), 0x0102);
     {
         // What a killed run left: the slot must not show it.
         SharedMemory leftover("IMAGE_FRAME", true);
@@ -163,7 +167,7 @@ TEST_F(VidappProcessTest, ImagesOfAFrameDirectoryReachTheRouterAndSlotZero) {
     for (std::uint32_t frame = 0; frame < images.size(); ++frame) {
         const auto announcement = nextAnnouncement(frame + 1 == images.size());
         ASSERT_TRUE(announcement.has_value()) << "frame " << frame << "\n" << vidapp->out();
-        expectFrame(*announcement, images[frame], frame);
+        expectFrame(*announcement, images[frame], frame, configuredReceiver, 0x0102);
     }
     ASSERT_TRUE(vidapp->waitForOutput("Could not read the image file.\n", MESSAGE_TIMEOUT)) << vidapp->out();
     EXPECT_NE(vidapp->out().find(" Frame size : 800 x 1200, 960000 Pixels 0 FPS\n"), std::string::npos);
@@ -188,7 +192,7 @@ TEST_F(VidappProcessTest, FramesOfAGStreamerPipelineReachTheRouterAndSlotZero) {
     for (std::uint32_t frame = 0; frame < frames.size(); ++frame) {
         const auto announcement = nextAnnouncement(frame + 1 == frames.size());
         ASSERT_TRUE(announcement.has_value()) << "frame " << frame << "\n" << vidapp->out();
-        expectFrame(*announcement, frames[frame], frame);
+        expectFrame(*announcement, frames[frame], frame, verifier, 0);
     }
     ASSERT_TRUE(vidapp->waitForOutput("Capture read error\n", MESSAGE_TIMEOUT)) << vidapp->out();
     EXPECT_NE(vidapp->out().find(" Frame size : 320 x 240, 76800 Pixels 10 FPS\n"), std::string::npos);
