@@ -2,6 +2,7 @@
 // logging on and off per application and level, and sets the one-shot commands (live stream,
 // profiler, ...) that the running processes obey and clear.
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -147,6 +148,20 @@ int show() {
 int main(int argc, char** argv) {
     if (argc < 2) {
         return usageError("no command given");
+    }
+    // "--" is a command string (it clears the recording start command), but "--help" and other
+    // words after two dashes are options typed out of habit: never apply them to the word.
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" && argc == 2) {
+            (void)printHelp();
+            printToolHelp();
+            return EXIT_OK;
+        }
+        if (argument.size() > 2 && argument.compare(0, 2, "--") == 0 &&
+            std::isalpha(static_cast<unsigned char>(argument[2]))) {
+            return usageError(("'" + argument + "' is not a command string (use 'vidapp-dlog help')").c_str());
+        }
     }
     const std::string first = argv[1];
     if (first == "help" || first == "show" || first == "remove") {

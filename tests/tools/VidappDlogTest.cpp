@@ -133,9 +133,35 @@ TEST_F(VidappDlogTest, HelpNeedsNoSegment) {
     EXPECT_FALSE(segmentExists());
 }
 
+TEST_F(VidappDlogTest, DoubleDashHelpPrintsTheHelpAndLeavesTheWordAlone) {
+    const ChildResult result = dlog({"--help"});
+    ASSERT_TRUE(result.exited && result.exitCode == 0) << result.describe();
+    EXPECT_EQ(result.out.rfind("Dynamic Debug Help\n", 0), 0U);
+    EXPECT_FALSE(segmentExists());
+}
+
+TEST_F(VidappDlogTest, DoubleDashAloneStillClearsTheRecordingStartCommand) {
+    ASSERT_EQ(dlog({"+-"}).exitCode, 0);
+    ASSERT_EQ(word(), D_RECORDING_START);
+    const ChildResult result = dlog({"--"});
+    ASSERT_TRUE(result.exited && result.exitCode == 0) << result.describe();
+    EXPECT_EQ(word(), 0U);
+}
+
 TEST_F(VidappDlogTest, UsageErrorsExitWithTwo) {
     const std::vector<std::vector<std::string>> wrong = {
-        {}, {"x12"}, {"12"}, {""}, {"+1", "show"}, {"show", "+1"}, {"remove", "now"}, {"SHOW"},
+        {},
+        {"x12"},
+        {"12"},
+        {""},
+        {"+1", "show"},
+        {"show", "+1"},
+        {"remove", "now"},
+        {"SHOW"},
+        // Options typed out of habit are never applied to the word.
+        {"--verbose"},
+        {"+1", "--show"},
+        {"--help", "+1"},
     };
     for (const auto& arguments : wrong) {
         SCOPED_TRACE(arguments.empty() ? "(none)" : arguments[0]);
