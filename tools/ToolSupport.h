@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -67,6 +68,35 @@ inline OptionText splitOption(const std::string& argument) {
         return {argument, std::nullopt};
     }
     return {argument.substr(0, equals), argument.substr(equals + 1)};
+}
+
+// Reads the value of the option just split from argv[i] when it takes one: the text after '=', or
+// the next argument (i then moves past it). False, with error set, when a value is missing, or
+// given to an option that takes none.
+inline bool readOptionValue(const OptionText& option, bool takesValue, int argc, char** argv, int& i,
+                            std::string& value, std::string& error) {
+    if (!takesValue) {
+        if (option.value) {
+            error = option.name + " takes no value";
+            return false;
+        }
+        return true;
+    }
+    if (option.value) {
+        value = *option.value;
+    } else if (i + 1 < argc) {
+        value = argv[++i];
+    } else {
+        error = option.name + " needs a value";
+        return false;
+    }
+    return true;
+}
+
+// "<tool>: <reason>" and the usage text on standard error; returns the usage status.
+inline int usageError(const char* tool, const std::string& reason, const char* usage) {
+    std::fprintf(stderr, "%s: %s\n%s", tool, reason.c_str(), usage);
+    return EXIT_USAGE;
 }
 
 } // namespace vidapp::tools

@@ -83,17 +83,7 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
         const OptionText option = splitOption(argv[i]);
         const bool takesValue = option.name == "--slot" || option.name == "--channels" || option.name == "--output";
         std::string value;
-        if (takesValue) {
-            if (option.value) {
-                value = *option.value;
-            } else if (i + 1 < argc) {
-                value = argv[++i];
-            } else {
-                error = option.name + " needs a value";
-                return false;
-            }
-        } else if (option.value) {
-            error = option.name + " takes no value";
+        if (!readOptionValue(option, takesValue, argc, argv, i, value, error)) {
             return false;
         }
 
@@ -251,8 +241,7 @@ int main(int argc, char** argv) {
     Options options;
     std::string error;
     if (!parseOptions(argc, argv, options, error)) {
-        std::fprintf(stderr, "vidapp-frame-dump: %s\n%s", error.c_str(), USAGE);
-        return EXIT_USAGE;
+        return usageError("vidapp-frame-dump", error, USAGE);
     }
     if (options.help) {
         printToolHelp();

@@ -132,12 +132,7 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
             return false;
         }
         std::string value;
-        if (option.value) {
-            value = *option.value;
-        } else if (i + 1 < argc) {
-            value = argv[++i];
-        } else {
-            error = option.name + " needs a value";
+        if (!readOptionValue(option, true, argc, argv, i, value, error)) {
             return false;
         }
 
@@ -493,11 +488,6 @@ int run(const Options& options) {
     return report.failed == 0 && interrupted == 0 ? EXIT_OK : EXIT_FAILED;
 }
 
-int usageError(const std::string& reason) {
-    std::fprintf(stderr, "vidapp-load: %s\n%s", reason.c_str(), USAGE);
-    return EXIT_USAGE;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -505,7 +495,7 @@ int main(int argc, char** argv) {
     Options options;
     std::string error;
     if (!parseOptions(argc, argv, options, error)) {
-        return usageError(error);
+        return usageError("vidapp-load", error, USAGE);
     }
     if (options.help) {
         printToolHelp();

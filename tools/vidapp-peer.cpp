@@ -201,17 +201,7 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
         const bool takesValue = option.name == "--count" || option.name == "--seconds" || option.name == "--send" ||
                                 option.name == "--send-file";
         std::string value;
-        if (takesValue) {
-            if (option.value) {
-                value = *option.value;
-            } else if (i + 1 < argc) {
-                value = argv[++i];
-            } else {
-                error = option.name + " needs a value";
-                return false;
-            }
-        } else if (option.value) {
-            error = option.name + " takes no value";
+        if (!readOptionValue(option, takesValue, argc, argv, i, value, error)) {
             return false;
         }
 
@@ -726,11 +716,6 @@ int listenAndSend(const Options& options, const std::vector<Outgoing>& outgoing)
     return peer.passed() && allSent ? EXIT_OK : EXIT_FAILED;
 }
 
-int usageError(const std::string& reason) {
-    std::fprintf(stderr, "vidapp-peer: %s\n%s", reason.c_str(), USAGE);
-    return EXIT_USAGE;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -738,7 +723,7 @@ int main(int argc, char** argv) {
     Options options;
     std::string error;
     if (!parseOptions(argc, argv, options, error)) {
-        return usageError(error);
+        return usageError("vidapp-peer", error, USAGE);
     }
     if (options.help) {
         printToolHelp();
@@ -748,7 +733,7 @@ int main(int argc, char** argv) {
     bool usage = false;
     if (!prepareSends(options, outgoing, error, usage)) {
         if (usage) {
-            return usageError(error);
+            return usageError("vidapp-peer", error, USAGE);
         }
         std::fprintf(stderr, "vidapp-peer: %s\n", error.c_str());
         return EXIT_FAILED;
