@@ -2,18 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <memory>
-#include <string>
-#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
 #include "common/OVRAException.h"
 #include "communication/OVRACommunicationUtils.h"
 #include "tests/support/DescriptorLimit.h"
+#include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Udp.h"
@@ -21,29 +18,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using vidapp::test::expectFailure;
 
 constexpr std::uint16_t PORT = OVRA::ROUTER_UDP_PORT;
-constexpr auto DEADLINE = 10s;
-
-bool inSourceRange(std::uint16_t port) {
-    return port >= OutputIPC::FIRST_SOURCE_PORT && port <= OutputIPC::LAST_SOURCE_PORT;
-}
-
-template <typename Call> CommunicationException expectCommunicationException(Call&& call) {
-    try {
-        call();
-    } catch (const CommunicationException& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no CommunicationException";
-    return CommunicationException(0, "");
-}
-
-void send(OutputIPC& channel, const std::string& text) {
-    channel.sendMessage(text.data(), text.size());
-}
-
-using vidapp::test::DescriptorLimit;
 
 class OutputIPCTest : public ::testing::Test {
 protected:
@@ -52,15 +29,17 @@ protected:
         receiver = std::make_unique<vidapp::test::UdpReceiver>(PORT);
     }
 
+    static bool inSourceRange(unsigned port) {
+        return port >= OutputIPC::FIRST_SOURCE_PORT && port <= OutputIPC::LAST_SOURCE_PORT;
+    }
+    static void send(OutputIPC& channel, const std::string& text) { channel.sendMessage(text.data(), text.size()); }
+
     // The source port of the next datagram, which must carry text.
     std::uint16_t receivedFrom(const std::string& text) {
-        const auto datagram = receiver->receiveFrom(DEADLINE);
-        if (!datagram) {
-            ADD_FAILURE() << "nothing received";
-            return 0;
-        }
-        EXPECT_EQ(std::string(datagram->bytes.begin(), datagram->bytes.end()), text);
-        return datagram->sourcePort;
+        const auto datagram = receiver->receiveFrom(10s);
+        EXPECT_TRUE(datagram) << "nothing received";
+        EXPECT_EQ(datagram ? std::string(datagram->bytes.begin(), datagram->bytes.end()) : "", text);
+        return datagram ? datagram->sourcePort : 0;
     }
 
     vidapp::test::LogCapture log;
@@ -68,133 +47,71 @@ protected:
     OutputIPC router{"to_router", PORT};
 };
 
-TEST_F(OutputIPCTest, SendsEachMessageAsOneDatagramFromARandomSourcePort) {
-    send(router, "first");
-    send(router, "second");
+TEST_F(OutputIPCTest, SendsFromARandomSourcePortKeptUntilStop) {
+    router.stop();                                             // no socket yet
+    const std::string record(sizeof(OVRA::PDUMessage_t), 'r'); // a whole record in one datagram
+    send(router, record);
+    const std::uint16_t port = receivedFrom(record);
+    EXPECT_TRUE(inSourceRange(port)) << port;
 
-    const std::uint16_t firstPort = receivedFrom("first");
-    EXPECT_TRUE(inSourceRange(firstPort)) << firstPort;
-    EXPECT_EQ(receivedFrom("second"), firstPort);
-}
-
-TEST_F(OutputIPCTest, SendsAWholePduRecord) {
-    std::vector<std::uint8_t> record(sizeof(OVRA::PDUMessage_t));
-    for (std::size_t i = 0; i < record.size(); ++i) {
-        record[i] = static_cast<std::uint8_t>(i * 7);
-    }
-
-    router.sendMessage(record.data(), record.size());
-
-    const auto received = receiver->receive(DEADLINE);
-    ASSERT_TRUE(received);
-    EXPECT_EQ(*received, record);
-}
-
-TEST_F(OutputIPCTest, SendAfterStopBindsANewSourcePort) {
-    send(router, "before");
-    const std::uint16_t before = receivedFrom("before");
+    const std::vector<std::uint8_t> tooLong(70000, 1);
+    expectFailure<CommunicationException>(
+        [this, &tooLong] { router.sendMessage(tooLong.data(), tooLong.size()); }, 201,
+        "OutputIPC.sendMessage(): sendto() failed: port: 50410, lengthBytes:70000, errno: 90 (Message too long)");
+    send(router, "kept");
+    EXPECT_EQ(receivedFrom("kept"), port);
 
     router.stop();
-    // Hold the old port, so that only a fresh bind can succeed.
-    const vidapp::test::UdpReceiver holder(before);
+    router.stop();
+    const vidapp::test::UdpReceiver holder(port); // the old port is free; held, only a fresh bind succeeds
     send(router, "after");
-
     const std::uint16_t after = receivedFrom("after");
     EXPECT_TRUE(inSourceRange(after)) << after;
-    EXPECT_NE(after, before);
-}
-
-TEST_F(OutputIPCTest, StopReleasesTheSourcePortAndLogsNothingWhenRepeated) {
-    router.stop();
-    send(router, "x");
-    const std::uint16_t used = receivedFrom("x");
-
-    router.stop();
-    router.stop();
-
-    EXPECT_NO_THROW(vidapp::test::UdpReceiver{used});
+    EXPECT_NE(after, port);
     EXPECT_TRUE(log.records().empty()) << log.dump();
 }
 
-TEST_F(OutputIPCTest, DottedAddressIsTheDestination) {
-    OutputIPC channel("to_router", PORT, "127.0.0.1");
-
-    send(channel, "dotted");
-
-    const auto datagram = receiver->receiveFrom(DEADLINE);
+TEST_F(OutputIPCTest, DestinationAddressIsCheckedOnEverySend) {
+    OutputIPC dotted("to_router", PORT, "127.0.0.1");
+    send(dotted, "dotted");
+    const auto datagram = receiver->receiveFrom(10s);
     ASSERT_TRUE(datagram);
     EXPECT_EQ(datagram->sourceAddress, "127.0.0.1");
-    EXPECT_TRUE(inSourceRange(datagram->sourcePort));
-}
-
-TEST_F(OutputIPCTest, InvalidAddressThrows1001NamingTheErrnoTextOnEverySend) {
-    OutputIPC channel("to_router", PORT, "300.1.1.1");
 
     // inet_pton() leaves errno alone, so the text shows the errno of before the call.
+    OutputIPC invalid("to_router", PORT, "300.1.1.1");
     OVRA::setErrno(EINVAL);
-    const auto error = expectCommunicationException([&] { send(channel, "lost"); });
-    EXPECT_EQ(error.getCode(), 1001U);
-    EXPECT_STREQ(error.what(), "Invalid IP address: Invalid argument");
-
+    expectFailure<CommunicationException>([&invalid] { send(invalid, "lost"); }, 1001,
+                                          "Invalid IP address: Invalid argument");
     OVRA::setErrno(0);
-    EXPECT_STREQ(expectCommunicationException([&] { send(channel, "lost"); }).what(), "Invalid IP address: Success");
+    expectFailure<CommunicationException>([&invalid] { send(invalid, "lost"); }, 1001, "Invalid IP address: Success");
     EXPECT_FALSE(receiver->receive(100ms));
 }
 
-TEST_F(OutputIPCTest, SendtoFailureThrows201AndKeepsTheSocket) {
-    send(router, "small");
-    const std::uint16_t port = receivedFrom("small");
-    const std::vector<std::uint8_t> tooLong(70000, 1);
-
-    const auto error = expectCommunicationException([&] { router.sendMessage(tooLong.data(), tooLong.size()); });
-
-    EXPECT_EQ(error.getCode(), 201U);
-    EXPECT_STREQ(
-        error.what(),
-        "OutputIPC.sendMessage(): sendto() failed: port: 50410, lengthBytes:70000, errno: 90 (Message too long)");
-    send(router, "again");
-    EXPECT_EQ(receivedFrom("again"), port);
-}
-
-TEST_F(OutputIPCTest, SocketFailureThrows1001) {
+TEST_F(OutputIPCTest, SocketAndTwentyFailedBindsThrowAndTheNextSendStillGoesOut) {
     const int lowest = dup(STDERR_FILENO);
     close(lowest);
     {
-        const DescriptorLimit limit(static_cast<rlim_t>(lowest));
+        const vidapp::test::DescriptorLimit limit(static_cast<rlim_t>(lowest));
         ASSERT_TRUE(limit.applied());
-
-        const auto error = expectCommunicationException([&] { send(router, "lost"); });
-
-        EXPECT_EQ(error.getCode(), 1001U);
-        EXPECT_STREQ(error.what(), "OutputIPC.sendMessage(): socket() sys call failure: Too many open files");
+        EXPECT_EQ(vidapp::test::failureOf<CommunicationException>([this] { send(router, "lost"); }),
+                  "1001 OutputIPC.sendMessage(): socket() sys call failure: Too many open files");
     }
-
-    send(router, "recovered");
-    EXPECT_TRUE(inSourceRange(receivedFrom("recovered")));
-}
-
-TEST_F(OutputIPCTest, TwentyFailedBindsThrow1000AndTheNextSendStillGoesOut) {
-    const DescriptorLimit limit(4096);
+    const vidapp::test::DescriptorLimit limit(4096);
     ASSERT_TRUE(limit.applied());
     std::vector<std::unique_ptr<vidapp::test::UdpReceiver>> holders;
     for (unsigned port = OutputIPC::FIRST_SOURCE_PORT; port <= OutputIPC::LAST_SOURCE_PORT; ++port) {
         holders.push_back(std::make_unique<vidapp::test::UdpReceiver>(static_cast<std::uint16_t>(port)));
     }
-
-    const auto error = expectCommunicationException([&] { send(router, "lost"); });
-
-    EXPECT_EQ(error.getCode(), 1000U);
+    const std::string text = vidapp::test::failureOf<CommunicationException>([this] { send(router, "lost"); });
     // The port named is the one drawn after the last failure.
-    const std::string text = error.what();
-    const std::string head = "OutputIPC::sendMessage() bind failure after 20 trying: channel [to_router], upd port:";
-    const std::string tail = ", bind() errno: 98 (Address already in use)";
-    ASSERT_EQ(text.substr(0, head.size()), head) << text;
-    ASSERT_GT(text.size(), head.size() + tail.size()) << text;
-    EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
-    const std::string port = text.substr(head.size(), text.size() - head.size() - tail.size());
-    EXPECT_TRUE(inSourceRange(static_cast<std::uint16_t>(std::stoi(port)))) << port;
+    const std::string head =
+        "1000 OutputIPC::sendMessage() bind failure after 20 trying: channel [to_router], upd port:";
+    ASSERT_EQ(text.substr(0, head.size()), head);
+    std::size_t digits = 0;
+    EXPECT_TRUE(inSourceRange(std::stoul(text.substr(head.size()), &digits))) << text;
+    EXPECT_EQ(text.substr(head.size() + digits), ", bind() errno: 98 (Address already in use)");
     EXPECT_FALSE(receiver->receive(100ms));
-
     // The kept socket is unbound: the system picks a port outside the occupied range.
     send(router, "next");
     EXPECT_FALSE(inSourceRange(receivedFrom("next")));

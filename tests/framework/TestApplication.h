@@ -1,115 +1,91 @@
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <mutex>
+#include <exception>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
-#include "common/OVRAException.h"
-#include "common/SignalHandling.h"
 #include "framework/ChannelBaseReaderWriter.h"
 #include "framework/FeatureApplication.h"
-#include "framework/FeatureApplicationBase.h"
-#include "tests/support/LogCapture.h"
+#include "log/OVRALogImplementPrintf.h"
+#include "tests/support/Expect.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/VidappProcess.h"
 
-// A whole feature application of the tests' own: a pipe that takes one message ID and triggers on
-// it, and an algorithm whose behaviour the record's value selects. Shared by the lifecycle tests.
+// A whole feature application of the tests' own, and the pieces the framework tests share.
 namespace vidapp::test {
+
+using Bytes = std::vector<std::uint8_t>;
+constexpr std::chrono::seconds DEADLINE{20};
+
+inline std::string errorRecord(std::uint32_t code, const std::string& text) {
+    return "E:  Error Code:      " + std::to_string(code) + ", Error Message:      vidapp: " + text;
+}
 
 struct TestRecord_t {
     OVRA::InputAggregateHeader_t header;
     std::uint32_t value;
 };
 
-// Takes TAKEN_ID with a 4-byte value and completes the record with it; THROWING_ID throws; any
-// other message is not taken.
+// Takes the first 4 payload bytes of a message as the record's value, but none of REFUSED_ID and
+// throws OVRAException 4711 for THROWING_ID; TRIGGER_ID and SECOND_TRIGGER_ID complete the record.
 class TestPipe : public OVRA::ChannelBaseReaderWriter<TestRecord_t> {
 public:
-    static constexpr std::uint32_t TAKEN_ID = 1;
-    static constexpr std::uint32_t THROWING_ID = 3;
-
+    static constexpr std::uint32_t TRIGGER_ID = 1, REFUSED_ID = 2, THROWING_ID = 3, SECOND_TRIGGER_ID = 0x80000004;
     TestPipe(unsigned short depth, unsigned short consumers) : ChannelBaseReaderWriter(depth, consumers) {}
 
-    bool isTrigger() override { return true; }
+    bool isTrigger() override { return lastId == TRIGGER_ID || lastId == SECOND_TRIGGER_ID; }
     unsigned long writeToBuffer(const OVRA::PDUMessage_t& message) override {
-        if (message.messageId == THROWING_ID) {
-            throw OVRAException(4711, "test pipe refuses");
+        ++taken;
+        if (message.messageId == REFUSED_ID || message.messageId == THROWING_ID) {
+            return message.messageId == REFUSED_ID ? 0 : throw OVRAException(4711, "test pipe refuses");
         }
-        TestRecord_t* record = currentRecord();
-        if (message.messageId != TAKEN_ID || message.length != 20 || record == nullptr) {
-            return 0;
-        }
-        std::memcpy(&record->value, message.payload, sizeof(record->value));
+        std::memcpy(&currentRecord()->value, message.payload, sizeof(TestRecord_t::value));
+        lastId = message.messageId;
         if (isTrigger()) {
-            record->header.triggerMessageId = message.messageId;
+            currentRecord()->header.triggerMessageId = lastId;
             setTriggered();
         }
-        return sizeof(record->value);
+        return message.length - 16;
     }
+    int taken = 0; // calls, on the writing thread
+
+private:
+    std::uint32_t lastId = 0;
 };
 
-// Prints what it does on standard output, so a parent process can follow a child's application.
-// Values: THROW_VALUE throws an OVRAException (77), FAIL_VALUE returns 9, others succeed.
+// Logs each run ("TEST run value=<v> thread=<name>") and its stop ("TEST stopFeatureApp"). A run on
+// THROW_VALUE throws OVRAException 77, one on FAIL_VALUE returns 9; initialize() throws initFailure.
 class TestAlgorithm : public OVRA::FeatureApplicationBase<TestRecord_t> {
 public:
-    static constexpr std::uint32_t THROW_VALUE = 0xDEAD;
-    static constexpr std::uint32_t FAIL_VALUE = 0xFA11;
-
-    enum class InitFailure { NONE, OVRA, STANDARD };
-    explicit TestAlgorithm(InitFailure failure = InitFailure::NONE) : initFailure(failure) {}
+    static constexpr std::uint32_t THROW_VALUE = 0xDEAD, FAIL_VALUE = 0xFA11;
 
     void initialize() override {
-        if (initFailure == InitFailure::OVRA) {
-            throw OVRAException(4242, "init refused");
-        }
-        if (initFailure == InitFailure::STANDARD) {
-            throw std::runtime_error("init broke");
+        if (initFailure) {
+            std::rethrow_exception(initFailure);
         }
     }
     std::uint32_t featureAppRun(const TestRecord_t& input, FeatureAppOutput&) override {
         char name[32] = {};
         pthread_getname_np(pthread_self(), name, sizeof(name));
-        std::printf("TEST run value=%u thread=%s\n", input.value, name);
-        std::fflush(stdout);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            values.push_back(input.value);
-        }
-        ran.notify_all();
-        if (input.value == THROW_VALUE) {
-            throw OVRAException(77, "algo refused");
-        }
-        return input.value == FAIL_VALUE ? 9 : 0;
+        ovraLogImplementPrintf("TEST run value=%u thread=%s", OVRA::LOG_LEVEL_INFO, input.value, name);
+        return input.value == THROW_VALUE ? throw OVRAException(77, "algo refused") : input.value == FAIL_VALUE ? 9 : 0;
     }
-    void stopFeatureApp() override {
-        std::printf("TEST stopFeatureApp\n");
-        std::fflush(stdout);
-    }
+    void stopFeatureApp() override { ovraLogImplementPrintf("TEST stopFeatureApp", OVRA::LOG_LEVEL_INFO); }
 
-    bool waitForRuns(std::size_t count, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return ran.wait_for(lock, timeout, [&] { return values.size() >= count; });
-    }
-
-private:
-    const InitFailure initFailure;
-    std::mutex mutex;
-    std::condition_variable ran;
-    std::vector<std::uint32_t> values;
+    std::exception_ptr initFailure;
 };
 
-// Echoes every log record on standard output as "[record] <text>", so error records, which never
-// reach the console, can be followed from a parent process.
+// Echoes every log record on standard output as "[record] <text>", so that a parent process can
+// follow error records, which never reach the console.
 class EchoingLogCapture : public LogCapture {
 public:
     void sendLogMessage(const OVRALogMessage_t* record) override {
@@ -119,77 +95,62 @@ public:
     }
 };
 
-inline OVRA::PDUMessage_t takenMessage(std::uint32_t value, std::uint32_t id = TestPipe::TAKEN_ID) {
+// A message with a 4-byte payload, as a sender would stamp it but for the CRC.
+inline OVRA::PDUMessage_t testMessage(std::uint32_t value, std::uint32_t id = TestPipe::TRIGGER_ID,
+                                      std::uint64_t timestamp = 12345, std::uint16_t count = 7) {
     OVRA::PDUMessage_t message{};
     message.messageId = id;
     message.length = 20;
-    message.count = 7;
-    message.timestamp = 12345;
+    message.count = count;
+    message.timestamp = timestamp;
     std::memcpy(message.payload, &value, sizeof(value));
     return message;
 }
 
-// As the process entry does it: SIGINT blocked before any other thread exists.
-inline void blockSigint() {
+// The datagram a sender must produce from header: the length for size payload bytes, the payload
+// and the CRC over them.
+inline Bytes stamped(OVRA::PDUMessage_t header, const void* payload, std::size_t size) {
+    header.length = static_cast<std::uint32_t>(size + 16);
+    std::memcpy(header.payload, payload, size);
+    header.crc = DataValidity::computeMessageCRC(&header);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
+    return Bytes(bytes, bytes + size + 24);
+}
+
+// A child process's body: a whole test application ("featureapp", one worker) run through
+// Application::main as the process entry does it, then "RESOURCES OK" printed when it lived less
+// than a second and left as many threads and descriptors as it found.
+inline int runTestApplication() {
     sigset_t signals;
     OVRA::initSignalsMask(signals, {SIGINT});
     OVRA::blockThreadSignals(signals);
-}
-
-inline std::size_t countEntries(const char* directory) {
-    std::size_t entries = 0;
-    if (DIR* listing = opendir(directory)) {
-        while (readdir(listing) != nullptr) {
-            ++entries;
-        }
-        closedir(listing);
-    }
-    return entries;
-}
-
-struct TestApplicationOptions {
-    std::string name = "featureapp";
-    TestAlgorithm::InitFailure initFailure = TestAlgorithm::InitFailure::NONE;
-    bool sigintBeforeMain = false;
-};
-
-// The body of a child process that runs a whole test application through Application::main, as
-// the process entry does, and then reports on standard output the threads and descriptors it had
-// before and after, and how long it lived:
-// "RESOURCES tasks=<before>/<after> fds=<before>/<after> elapsed_ms=<n>".
-inline int runTestApplication(const TestApplicationOptions& options) {
-    blockSigint();
     EchoingLogCapture log;
-    // A sanitizer runtime may start a helper thread with the first thread: let it do so now.
-    std::thread([] {}).join();
-    const std::size_t tasksBefore = countEntries("/proc/self/task");
-    const std::size_t fdsBefore = countEntries("/proc/self/fd");
+    std::thread([] {}).join(); // a sanitizer runtime may start a helper thread with the first thread
+    const auto count = [](const char* directory) {
+        return std::distance(std::filesystem::directory_iterator(directory), {});
+    };
+    const auto tasks = count("/proc/self/task"), fds = count("/proc/self/fd");
     const auto started = std::chrono::steady_clock::now();
     int status = -1;
     {
         TestPipe pipe(8, 1);
-        TestAlgorithm algorithm(options.initFailure);
-        OVRA::FeatureApplication<TestRecord_t> application(options.name, OVRA::VIDAPP_CHANNEL_NAME,
-                                                           OVRA::VIDAPP_UDP_PORT, algorithm, pipe, 1);
-        if (options.sigintBeforeMain) {
-            kill(getpid(), SIGINT);
-        }
-        status = application.main();
+        TestAlgorithm algorithm;
+        status = OVRA::FeatureApplication<TestRecord_t>("featureapp", OVRA::VIDAPP_CHANNEL_NAME, OVRA::VIDAPP_UDP_PORT,
+                                                        algorithm, pipe, 1)
+                     .main();
     }
-    const auto elapsed =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started);
-    std::printf("RESOURCES tasks=%zu/%zu fds=%zu/%zu elapsed_ms=%lld\n", tasksBefore, countEntries("/proc/self/task"),
-                fdsBefore, countEntries("/proc/self/fd"), static_cast<long long>(elapsed.count()));
+    const bool quick = std::chrono::steady_clock::now() - started < std::chrono::seconds(1);
+    const auto tasksAfter = count("/proc/self/task"), fdsAfter = count("/proc/self/fd");
+    std::printf("RESOURCES %s tasks=%td/%td fds=%td/%td\n",
+                quick && tasks == tasksAfter && fds == fdsAfter ? "OK" : "FAILED", tasks, tasksAfter, fds, fdsAfter);
     std::fflush(stdout);
     return status;
 }
 
 // A child ends with _exit, so a sanitizer report there changes no exit code: look for it instead.
 inline ::testing::AssertionResult sanitizerClean(const std::string& err) {
-    if (err.find("Sanitizer") != std::string::npos) {
-        return ::testing::AssertionFailure() << err;
-    }
-    return ::testing::AssertionSuccess();
+    return err.find("Sanitizer") == std::string::npos ? ::testing::AssertionSuccess()
+                                                      : ::testing::AssertionFailure() << err;
 }
 
 // True when every part occurs in text, each after the one before it.
