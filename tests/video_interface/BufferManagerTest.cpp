@@ -73,4 +73,17 @@ TEST_F(BufferManagerTest, OnlyARegistrationWhileTheApplicationRunsActivatesAndUn
                           "D: vidapp: --unregisterConsumer(): #Active consumers=[0]\n");
 }
 
+TEST_F(BufferManagerTest, AutoHitchVisionNeedsAnActiveVisionConsumerOrHitchBallDetector) {
+    manager->registerConsumer(OVRA::SRC_AHIVIS);
+    EXPECT_FALSE(manager->checkAutoHitchVisionOn()) << "registered but not active";
+    setStatus(OVRA::SRC_HBALLD, OVRA::RUNNING);
+    manager->registerConsumer(OVRA::SRC_HBALLD);
+    EXPECT_TRUE(manager->checkAutoHitchVisionOn()) << "the hitch ball detector stands in";
+    manager->unregisterConsumer(OVRA::SRC_HBALLD);
+    EXPECT_FALSE(manager->checkAutoHitchVisionOn());
+    setStatus(OVRA::SRC_AHIVIS, OVRA::RUNNING);
+    manager->registerConsumer(OVRA::SRC_AHIVIS);
+    EXPECT_TRUE(manager->checkAutoHitchVisionOn());
+}
+
 } // namespace
