@@ -64,26 +64,18 @@ void DataValidity::parseConfigFile(const char* fileName) {
 }
 
 std::int32_t DataValidity::apply(OVRA::PDUMessage_t* message) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    status = OK;
-    if (message == nullptr) {
-        status = NULL_MESSAGE;
-        return status;
-    }
-    currentMessage = message;
-    try {
-        validateMessage();
-    } catch (const DataValidityException& e) {
-        return static_cast<std::int32_t>(e.getCode());
-    }
-    applyCount();
-    applyVersion();
-    applyTimestamp();
-    applyCRC();
-    return status;
+    return stamp(message, &DataValidity::validateMessage,
+                 {&DataValidity::applyCount, &DataValidity::applyVersion, &DataValidity::applyTimestamp,
+                  &DataValidity::applyCRC});
 }
 
 std::int32_t DataValidity::applyToDiagnosticMessage(OVRA::PDUMessage_t* message) {
+    return stamp(message, &DataValidity::validateDiagnosticMessage,
+                 {&DataValidity::applyDiagnosticCount, &DataValidity::applyDiagnosticVersion,
+                  &DataValidity::applyDiagnosticLength, &DataValidity::applyDiagnosticCRC});
+}
+
+std::int32_t DataValidity::stamp(OVRA::PDUMessage_t* message, Step validate, const std::array<Step, 4>& steps) {
     const std::lock_guard<std::mutex> lock(mutex);
     status = OK;
     if (message == nullptr) {
@@ -92,14 +84,13 @@ std::int32_t DataValidity::applyToDiagnosticMessage(OVRA::PDUMessage_t* message)
     }
     currentMessage = message;
     try {
-        validateDiagnosticMessage();
+        (this->*validate)();
     } catch (const DataValidityException& e) {
         return static_cast<std::int32_t>(e.getCode());
     }
-    applyDiagnosticCount();
-    applyDiagnosticVersion();
-    applyDiagnosticLength();
-    applyDiagnosticCRC();
+    for (const Step step : steps) {
+        (this->*step)();
+    }
     return status;
 }
 

@@ -84,6 +84,10 @@ private:
     void verifyDiagnosticTimestamp(const OVRA::PDUMessage_t& message);
     [[noreturn]] void fail(std::int32_t code, const char* text);
 
+    // Both record kinds are stamped alike: checked first, then their four fields in order.
+    using Step = void (DataValidity::*)();
+    std::int32_t stamp(OVRA::PDUMessage_t* message, Step validate, const std::array<Step, 4>& steps);
+
     void validateMessage();
     void validateDiagnosticMessage();
 

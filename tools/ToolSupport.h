@@ -99,4 +99,21 @@ inline int usageError(const char* tool, const std::string& reason, const char* u
     return EXIT_USAGE;
 }
 
+// The start every tool shares: its own debug word, the options parsed, help answered. Returns the
+// exit status when the tool is done already (a usage error or the help), nothing when it goes on.
+template <typename Options>
+std::optional<int> startTool(const char* tool, const char* usage, int argc, char** argv, Options& options,
+                             bool (*parse)(int, char**, Options&, std::string&), void (*printHelp)()) {
+    useOwnDebugWord();
+    std::string error;
+    if (!parse(argc, argv, options, error)) {
+        return usageError(tool, error, usage);
+    }
+    if (options.help) {
+        printHelp();
+        return EXIT_OK;
+    }
+    return std::nullopt;
+}
+
 } // namespace vidapp::tools

@@ -237,15 +237,10 @@ int dump(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    useOwnDebugWord();
     Options options;
-    std::string error;
-    if (!parseOptions(argc, argv, options, error)) {
-        return usageError("vidapp-frame-dump", error, USAGE);
-    }
-    if (options.help) {
-        printToolHelp();
-        return EXIT_OK;
+    if (const std::optional<int> status =
+            startTool("vidapp-frame-dump", USAGE, argc, argv, options, parseOptions, printToolHelp)) {
+        return *status;
     }
     return dump(options);
 }

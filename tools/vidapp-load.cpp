@@ -491,15 +491,10 @@ int run(const Options& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    useOwnDebugWord();
     Options options;
-    std::string error;
-    if (!parseOptions(argc, argv, options, error)) {
-        return usageError("vidapp-load", error, USAGE);
-    }
-    if (options.help) {
-        printToolHelp();
-        return EXIT_OK;
+    if (const std::optional<int> status =
+            startTool("vidapp-load", USAGE, argc, argv, options, parseOptions, printToolHelp)) {
+        return *status;
     }
     return run(options);
 }

@@ -719,17 +719,13 @@ int listenAndSend(const Options& options, const std::vector<Outgoing>& outgoing)
 } // namespace
 
 int main(int argc, char** argv) {
-    useOwnDebugWord();
     Options options;
-    std::string error;
-    if (!parseOptions(argc, argv, options, error)) {
-        return usageError("vidapp-peer", error, USAGE);
-    }
-    if (options.help) {
-        printToolHelp();
-        return EXIT_OK;
+    if (const std::optional<int> status =
+            startTool("vidapp-peer", USAGE, argc, argv, options, parseOptions, printToolHelp)) {
+        return *status;
     }
     std::vector<Outgoing> outgoing;
+    std::string error;
     bool usage = false;
     if (!prepareSends(options, outgoing, error, usage)) {
         if (usage) {

@@ -32,6 +32,16 @@ private:
     std::size_t mLength = 0;
 };
 
+// Ends a line with the identifiers still reading and logs it.
+template <typename Reading> void logWithReaders(LineBuilder& line, const Reading& reading) {
+    for (std::size_t id = 0; id < reading.size(); ++id) {
+        if (reading[id]) {
+            line.number(id).text(", ");
+        }
+    }
+    ovraLogImplementPrintf("%s", OVRA::LOG_LEVEL_DEBUG, line.c_str());
+}
+
 } // namespace
 
 void BufferTracker::startTracking(std::size_t bufferIndex, std::size_t /*unused*/,
@@ -79,12 +89,7 @@ void BufferTracker::startTrackingDebug(std::size_t bufferIndex) {
         .text(", #consumers=")
         .number(mConsumersRemaining)
         .text(", consumersList:");
-    for (std::size_t id = 0; id < mReading.size(); ++id) {
-        if (mReading[id]) {
-            line.number(id).text(", ");
-        }
-    }
-    ovraLogImplementPrintf("%s", OVRA::LOG_LEVEL_DEBUG, line.c_str());
+    logWithReaders(line, mReading);
 }
 
 void BufferTracker::consumerDoneDebug() {
@@ -95,10 +100,5 @@ void BufferTracker::consumerDoneDebug() {
         .text(", remaining #consumers=")
         .number(mConsumersRemaining)
         .text(", remainig consumersList:");
-    for (std::size_t id = 0; id < mReading.size(); ++id) {
-        if (mReading[id]) {
-            line.number(id).text(", ");
-        }
-    }
-    ovraLogImplementPrintf("%s", OVRA::LOG_LEVEL_DEBUG, line.c_str());
+    logWithReaders(line, mReading);
 }
