@@ -45,7 +45,22 @@ void setThreadSignalsMask(int how, const sigset_t& set) {
     }
 }
 
-void blockThreadSignals(const sigset_t& set) { setThreadSignalsMask(SIG_BLOCK, set); }
+void blockThreadSignals(const sigset_t& set) {
+    setThreadSignalsMask(SIG_BLOCK, set);
+}
+
+bool blockStopSignalsAndIgnoreSigpipe() noexcept {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    const bool blocked = pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0;
+    return sigaction(SIGPIPE, &ignore, nullptr) == 0 && blocked;
+}
 
 void setSignalAction(int signalNumber, const struct sigaction& action) {
     if (sigaction(signalNumber, &action, nullptr) < 0) {

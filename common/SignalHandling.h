@@ -10,6 +10,18 @@
 // Safe from any thread; the mask functions act on the calling thread only.
 namespace OVRA {
 
+// The signals that end a process in order: SIGINT as the system sends it, SIGTERM as service
+// managers and a plain kill send it, SIGHUP as a closing terminal sends it.
+inline const std::vector<int>& stopSignals() {
+    static const std::vector<int> signals = {SIGINT, SIGTERM, SIGHUP};
+    return signals;
+}
+
+// Blocks the stop signals in the calling thread and ignores SIGPIPE for the whole process, so that a
+// write to a reader that went away fails with EPIPE instead of killing the process. Uses no heap
+// and throws nothing, so a process may call it before anything else; false when a call failed.
+bool blockStopSignalsAndIgnoreSigpipe() noexcept;
+
 // True when the signal was sent or the target is already gone (ESRCH); never throws.
 bool sendSignal(int processId, int signalNumber);
 

@@ -190,7 +190,9 @@ void InputIPC::setupUDP() {
 
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    // The processes of the system meet on the local host; nothing from the vehicle's network is
+    // taken, so a stranger's datagrams cannot reach the fail-safe count that stops the process.
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(udpPort);
     if (bind(socketFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;

@@ -10,8 +10,8 @@
 
 #include "communication/CallbackHelper.h"
 
-// The receiving end of one named UDP channel: a socket bound to udpPort on every local IPv4
-// address (with SO_REUSEADDR and SO_REUSEPORT, so several processes may bind the same port),
+// The receiving end of one named UDP channel: a socket bound to udpPort on the loopback address
+// 127.0.0.1 (with SO_REUSEADDR and SO_REUSEPORT, so several processes may bind the same port),
 // served by a thread of its own named "InputIPCRun". The thread waits in select() on the socket
 // and on a self-pipe; once the socket is readable it reads every queued datagram, one at a time,
 // into the channel's buffer and hands each to the callback.

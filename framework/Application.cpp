@@ -1,5 +1,6 @@
 #include "framework/Application.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -32,6 +33,13 @@ constexpr std::size_t READY_NAME_CHARACTERS = 7;
 
 std::uint64_t now_ms() {
     return ovraSystemTimestamp_us() / 1000;
+}
+
+// The other threads still run and use the process's objects, so their destructors must not run:
+// quick_exit runs only the handlers registered for this case (the frame segment's removal).
+[[noreturn]] void endAfterTerminate() {
+    std::fflush(stdout);
+    std::quick_exit(1);
 }
 
 void writeLine(const char* line) {
@@ -74,12 +82,12 @@ Application::~Application() {
 }
 
 int Application::main() {
-    pthread_setname_np(pthread_self(), "main");
+    // The main thread keeps the process's name, by which operators find it (pgrep, pkill, top).
     sigset_t signals;
     try {
         initApplication();
         startApplication();
-        initSignalsMask(signals, {SIGINT});
+        initSignalsMask(signals, stopSignals());
     } catch (const OVRAException& e) {
         mStartupFailure = e.what();
         ovraLogImplementErrorPrintf(e.getCode(), "mainEntry(): OVRA exception [%s]", e.what());
@@ -225,13 +233,19 @@ void Application::logDroppedMessage(const PDUMessage_t& message, std::uint64_t n
 }
 
 void Application::applicationTerminateHandler() {
+    // A second terminate while the first is handled (another thread's, or one from the exit path)
+    // must not log again or enter exit twice.
+    static std::atomic<bool> entered{false};
+    if (entered.exchange(true)) {
+        std::_Exit(1);
+    }
     writeLine("inside the applicationTerminateHandler() function");
     const std::string tag = " (pid=" + std::to_string(getpid()) + ") ";
     const std::exception_ptr current = std::current_exception();
     if (!current) {
         writeLine("inside the applicationTerminateHandler() function inside else");
         ovraLogImplementErrorPrintf(TERMINATE_ERROR, "terminate Handler: %s unexpected exception!", tag.c_str());
-        std::exit(1);
+        endAfterTerminate();
     }
     writeLine("inside the applicationTerminateHandler() function inside if");
     try {
@@ -241,7 +255,7 @@ void Application::applicationTerminateHandler() {
     } catch (...) {
         ovraLogImplementErrorPrintf(TERMINATE_ERROR, "terminate Handler: %s unexpected exception!", tag.c_str());
     }
-    std::exit(1);
+    endAfterTerminate();
 }
 
 } // namespace OVRA

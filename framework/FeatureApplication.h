@@ -36,7 +36,7 @@ public:
     void init() override;
     void start() override;
     void stop() override;
-    // True exactly when the channel took the whole payload.
+    // True exactly when the channel took the whole payload, which must not be empty.
     bool receiveMessage(const PDUMessage_t& message) override;
 
 private:

@@ -303,6 +303,16 @@ bool VideoInterfaceAlgorithmProxy::isShutdownRequested() {
     return mShutdownRequested;
 }
 
+void VideoInterfaceAlgorithmProxy::removeFrameSegment() noexcept {
+    try {
+        mSharedMemory.destroy();
+    } catch (const OVRAException& e) {
+        ovraLogImplementErrorPrintf(e.getCode(), "removeFrameSegment(): %s", e.what());
+    } catch (const std::exception& e) {
+        ovraLogImplementErrorPrintf(STANDARD_EXCEPTION_ERROR, "removeFrameSegment(): %s", e.what());
+    }
+}
+
 void VideoInterfaceAlgorithmProxy::setFrameSourceSettings(const FrameSourceSettings& settings) {
     std::lock_guard<std::mutex> lock(mControlMutex);
     mFrameSourceSettings = settings;

@@ -144,6 +144,10 @@ public:
     // on a half-destroyed object.
     virtual void logVideoInterfaceStatus();
 
+    // Removes the names of the frame segment this object created, for a process that ends without
+    // its destructors; never throws (a failure is logged).
+    void removeFrameSegment() noexcept;
+
     // Takes effect at the next capture start.
     void setFrameSourceSettings(const FrameSourceSettings& settings);
     FrameSourceSettings getFrameSourceSettings() const;

@@ -1,10 +1,12 @@
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <pthread.h>
 #include <string>
 #include <thread>
 
+#include "common/InstanceLock.h"
 #include "common/OVRAException.h"
 #include "common/SignalHandling.h"
 #include "communication/OVRACommunicationUtils.h"
@@ -26,13 +28,24 @@ constexpr std::uint16_t APPLICATION_THREADS = 1;
 
 std::thread profileThread;
 
-// SIGINT is blocked before anything else happens: every thread inherits the block, and a SIGINT
+// The stop signals are blocked and SIGPIPE ignored before anything else happens (bin/vidapp does it
+// even before this program's libraries load): every thread inherits the block, and a stop signal
 // that arrives at any point of start-up stays pending until the signal wait, which it then ends at
 // once, so the process still ends in order.
-void blockInterrupt() {
-    sigset_t signals;
-    OVRA::initSignalsMask(signals, {SIGINT});
-    OVRA::blockThreadSignals(signals);
+void blockStopSignals() {
+    if (!OVRA::blockStopSignalsAndIgnoreSigpipe()) {
+        std::fputs("vidapp: the stop signals could not be blocked\n", stderr);
+    }
+}
+
+// Where an exception escaped a thread the process ends at once, without the destructors of the
+// objects that the other threads still use; the frame segment it created goes all the same.
+OVRA::VideoInterfaceAlgorithmProxy* frameSegmentOwner = nullptr;
+
+void removeFrameSegmentAtQuickExit() {
+    if (frameSegmentOwner != nullptr) {
+        frameSegmentOwner->removeFrameSegment();
+    }
 }
 
 void startProfileThread() {
@@ -55,6 +68,8 @@ int runApplication(std::string& failureReason) {
     pipe.setTriggerArmed(true);
     static OVRA::VideoInterfaceAlgorithmProxy proxy;
     pipe.setMessageListener(&proxy);
+    frameSegmentOwner = &proxy;
+    std::at_quick_exit(removeFrameSegmentAtQuickExit);
 
     OVRA::FeatureApplication<OVRA::VideoInterfaceInputAggregate_t> application(
         "vidapp", OVRA::VIDAPP_CHANNEL_NAME, OVRA::VIDAPP_UDP_PORT, proxy, pipe, APPLICATION_THREADS);
@@ -76,7 +91,14 @@ void reportFailure(const std::string& reason) {
 } // namespace
 
 int main() {
-    blockInterrupt();
+    blockStopSignals();
+    // A second vidapp would share port 50427 and the frame segment with the first one, and remove the
+    // segment under it at its exit: it is refused before it touches anything.
+    OVRA::InstanceLock instanceLock("vidapp");
+    if (std::string reason; !instanceLock.acquire(reason)) {
+        std::fprintf(stderr, "vidapp: not started: %s\n", reason.c_str());
+        return 1;
+    }
     if (initDLogInterface() == 0) {
         std::fputs("Shared memory Initialization Failed. Exiting!!\n", stdout);
         return 0;

@@ -80,7 +80,9 @@ template <typename T> void FeatureApplication<T>::start() {}
 
 template <typename T> bool FeatureApplication<T>::receiveMessage(const PDUMessage_t& message) {
     const std::uint64_t payloadSize = static_cast<std::uint64_t>(message.length) - PDU_LENGTH_FIELD_HEADER_BYTES;
-    return mChannel.write(message) == payloadSize;
+    // A message without payload carries nothing the channel could take: it is dropped, and logged
+    // as such, like one whose payload does not fit.
+    return mChannel.write(message) == payloadSize && payloadSize != 0;
 }
 
 template <typename T> void FeatureApplication<T>::featureAppThreadRun(std::uint16_t index) {

@@ -1,6 +1,8 @@
 #include "framework/Application.h"
 
+#include <csignal>
 #include <exception>
+#include <thread>
 
 #include "communication/OVRAInterSystemMessages.h"
 #include "tests/framework/TestApplication.h"
@@ -107,6 +109,49 @@ TEST_F(ApplicationTest, TerminateHandlerReportsWhatEndedTheProcess) {
                                  errorRecord(1204, "terminate Handler:  (pid=" + std::to_string(child.pid()) + ") " +
                                                        (kind ? " unexpected exception!" : " exception:[escaped]"))}));
     }
+}
+
+// An algorithm whose own thread lets an exception escape on SIGUSR1.
+class EscapingThreadAlgorithm : public TestAlgorithm {
+public:
+    void initialize() override {
+        thread = std::thread([] {
+            sigset_t usr1;
+            OVRA::initSignalsMask(usr1, {SIGUSR1});
+            int received = 0;
+            sigwait(&usr1, &received);
+            throw std::runtime_error("worker broke");
+        });
+    }
+    std::thread thread; // still joinable when the process ends
+};
+
+// The process entry keeps its algorithm, whose thread is then still joinable, in static storage: an
+// exception escaping that thread while the application runs is reported once and ends it with 1.
+TEST_F(ApplicationTest, AnExceptionEscapingAThreadOfARunningApplicationIsReportedOnceWithStatusOne) {
+    VIDAPP_REQUIRE_SANDBOX();
+    UdpReceiver launcher(OVRA::LAUNCHER_UDP_PORT);
+    Child child([] {
+        sigset_t signals;
+        OVRA::initSignalsMask(signals, {SIGINT, SIGTERM, SIGHUP, SIGUSR1});
+        OVRA::blockThreadSignals(signals);
+        static EchoingLogCapture echo;
+        static EscapingThreadAlgorithm algorithm;
+        static TestPipe staticPipe(4, 1);
+        return App("featureapp", OVRA::VIDAPP_CHANNEL_NAME, OVRA::VIDAPP_UDP_PORT, algorithm, staticPipe, 1).main();
+    });
+    ASSERT_TRUE(launcher.receive(DEADLINE).has_value()) << child.wait(DEADLINE).describe();
+    child.signal(SIGUSR1);
+    const ChildResult result = child.wait(DEADLINE);
+
+    EXPECT_TRUE(sanitizerClean(result.err));
+    EXPECT_TRUE(result.exited && result.exitCode == 1) << result.describe();
+    const std::string record =
+        errorRecord(1204, "terminate Handler:  (pid=" + std::to_string(child.pid()) + ")  exception:[worker broke]");
+    EXPECT_EQ(result.out.find(record), result.out.rfind(record)) << result.out;
+    EXPECT_NE(result.out.find(record), std::string::npos) << result.out;
+    EXPECT_EQ(result.out.find("inside the applicationTerminateHandler() function\n"),
+              result.out.rfind("inside the applicationTerminateHandler() function\n"));
 }
 
 TEST_F(ApplicationTest, DecodeLogsRejectedMessagesAndTheFeaturesExceptionsPerMessage) {

@@ -1,5 +1,6 @@
 #include "framework/ChannelBaseReaderWriter.h"
 
+#include <chrono>
 #include <tuple>
 
 #include "tests/framework/TestApplication.h"
@@ -32,6 +33,13 @@ TEST_F(ChannelBaseReaderWriterTest, DropsWhileEverySlotIsHeldAndResumesAfterRele
 
     EXPECT_EQ(write(pipe, 4), 0u);
     EXPECT_EQ(pipe.taken, 2);
+    // A record completed while every slot is held finds no next one and does not wait for it: the
+    // receive thread writes here.
+    TestPipe full(1, 1);
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(write(full, TestPipe::TRIGGER_ID), 4u);
+    EXPECT_EQ(write(full, TestPipe::TRIGGER_ID), 0u);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(100));
     pipe.closeWrite();
     EXPECT_EQ(log.count("D: vidapp: closeWrite(): lock write exception:[Write lock]"), 1u) << log.dump();
 

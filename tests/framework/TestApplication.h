@@ -122,7 +122,7 @@ inline Bytes stamped(OVRA::PDUMessage_t header, const void* payload, std::size_t
 // than a second and left as many threads and descriptors as it found.
 inline int runTestApplication() {
     sigset_t signals;
-    OVRA::initSignalsMask(signals, {SIGINT});
+    OVRA::initSignalsMask(signals, OVRA::stopSignals());
     OVRA::blockThreadSignals(signals);
     EchoingLogCapture log;
     std::thread([] {}).join(); // a sanitizer runtime may start a helper thread with the first thread

@@ -4,12 +4,20 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <opencv2/videoio.hpp>
 
 #include "common/SharedMemory.h"
 #include "log/OVRALogImplementPrintf.h"
+#include "tests/log/SyslogSink.h"
 #include "tests/support/VidappFrames.h"
 #include "tests/support/VidappProcess.h"
 
@@ -20,6 +28,26 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using namespace vidapp::test;
 using testing::HasSubstr;
+
+// What bin/vidapp becomes once it has blocked the stop signals.
+const fs::path PROCESS_PATH = VIDAPP_BIN_DIR "/../libexec/vidapp/vidapp";
+
+// A signal mask line of /proc/<pid>/status ("SigBlk:", "SigIgn:"), for the process's main thread.
+std::uint64_t signalMask(pid_t pid, const std::string& field) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    const std::string status((std::istreambuf_iterator<char>(file)), {});
+    const std::size_t at = status.find("\n" + field);
+    return at == std::string::npos ? 0 : std::stoull(status.substr(at + field.size() + 1), nullptr, 16);
+}
+
+bool has(std::uint64_t mask, int signalNumber) {
+    return (mask >> (signalNumber - 1) & 1) != 0;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    return std::string((std::istreambuf_iterator<char>(file)), {});
+}
 
 class VidappProcessTest : public VidappProcess {
 protected:
@@ -208,6 +236,129 @@ TEST_F(VidappProcessTest, FlagWordThatCannotBeAttachedEndsTheProcessWithStatusZe
     EXPECT_TRUE(result.exited && result.exitCode == 0) << result.describe();
     EXPECT_EQ(result.out, "Shared Memory DLog Initialization Failed\nShared memory Initialization Failed. Exiting!!\n");
     EXPECT_FALSE(launcher.receive(100ms).has_value());
+}
+
+// SIGTERM and SIGHUP stop vidapp as SIGINT does, also one that comes while the libraries still load;
+// SIGPIPE is ignored; the process keeps its name; a second vidapp is refused before it touches
+// anything, and the first does not notice.
+TEST_F(VidappProcessTest, StopSignalsEndItInOrderItKeepsItsNameAndASecondOneIsRefused) {
+    flags.set(VIDAPP_LOGGING);
+    const fs::path process = fs::canonical(PROCESS_PATH);
+    for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) {
+        SCOPED_TRACE(stopSignal);
+        launchVidapp();
+        const auto execed = [&] {
+            std::error_code error;
+            return fs::read_symlink("/proc/" + std::to_string(vidapp->pid()) + "/exe", error) == process;
+        };
+        ASSERT_TRUE(waitUntil(execed, MESSAGE_TIMEOUT)) << vidapp->wait(1s).describe();
+        const std::uint64_t blocked = signalMask(vidapp->pid(), "SigBlk:");
+        EXPECT_TRUE(has(blocked, SIGINT) && has(blocked, SIGTERM) && has(blocked, SIGHUP)) << std::hex << blocked;
+        EXPECT_TRUE(has(signalMask(vidapp->pid(), "SigIgn:"), SIGPIPE));
+        if (stopSignal == SIGINT) {
+            vidapp->signal(SIGINT); // its libraries are still loading
+            EXPECT_TRUE(launcher.receive(MESSAGE_TIMEOUT).has_value()) << "start-up goes on to its end";
+        } else {
+            ASSERT_TRUE(launcher.receive(MESSAGE_TIMEOUT).has_value()) << vidapp->wait(1s).describe();
+            const std::string task = "/proc/" + std::to_string(vidapp->pid()) + "/task/";
+            EXPECT_EQ(readFile(task + std::to_string(vidapp->pid()) + "/comm"), "vidapp\n");
+            std::vector<std::string> threads;
+            for (const auto& entry : fs::directory_iterator(task)) {
+                threads.push_back(readFile(entry.path() / "comm"));
+            }
+            EXPECT_THAT(threads, testing::IsSupersetOf({"vidapp\n", "InputIPCRun\n", "TimerRun\n", "readSharedComma\n",
+                                                        "ApplicationRun-\n", "profile\n"}));
+            const ChildResult second = runProgram({VIDAPP_PATH}, {}, MESSAGE_TIMEOUT);
+            EXPECT_TRUE(second.exited && second.exitCode == 1) << second.describe();
+            EXPECT_EQ(second.err, "vidapp: not started: another vidapp is already running (instance lock \"@vidapp\" "
+                                  "is held)\n");
+            EXPECT_EQ(second.out, "");
+            EXPECT_FALSE(launcher.receive(200ms).has_value()) << "no READY from the second";
+            EXPECT_EQ(frameObjects().size(), 10U);
+            EXPECT_TRUE(vidapp->running());
+        }
+        const auto sentAt = std::chrono::steady_clock::now();
+        vidapp->signal(stopSignal);
+        const ChildResult result = vidapp->wait(10s);
+        EXPECT_LT(std::chrono::steady_clock::now() - sentAt, 2s);
+        EXPECT_TRUE(result.exited && result.exitCode == 0) << result.describe();
+        EXPECT_THAT(result.out, HasSubstr("vidapp: mainEntry(): caught signal: " + std::to_string(stopSignal) + "\n"));
+        EXPECT_THAT(result.out, HasSubstr("vidapp: stopFeatureApp():  STOPPED.\n"));
+        EXPECT_TRUE(frameObjects().empty());
+    }
+}
+
+// Only the local host reaches port 50427; from there, six datagrams whose size disagrees with their
+// length field make the receive thread give up, and the process stops in order.
+TEST_F(VidappProcessTest, ReceivesOnLoopbackOnlyAndTheReceiveThreadGivingUpStopsTheProcess) {
+    flags.set(VIDAPP_LOGGING);
+    startVidapp();
+    // A port bound to every address would refuse this address's bind.
+    const int other = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(OVRA::VIDAPP_UDP_PORT);
+    address.sin_addr.s_addr = htonl(0x7F000002); // 127.0.0.2
+    EXPECT_EQ(::bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << std::strerror(errno);
+    ::close(other);
+
+    std::vector<std::uint8_t> mismatched = routerMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(8));
+    mismatched[4] = 200; // the length field
+    UdpSender sender(OVRA::VIDAPP_UDP_PORT);
+    for (int i = 0; i < 5; ++i) {
+        sender.send(mismatched);
+    }
+    EXPECT_FALSE(vidapp->waitForOutput("caught signal", 300ms)) << "five are survived";
+    sender.send(mismatched);
+    const ChildResult result = vidapp->wait(10s);
+    EXPECT_TRUE(result.exited && result.exitCode == 0) << result.describe();
+    EXPECT_THAT(result.out, HasSubstr("vidapp: mainEntry(): caught signal: 2\nvidapp: commonMsgHandler stopped OK"));
+    EXPECT_TRUE(frameObjects().empty());
+}
+
+// A registration through a real datagram is refused with 421 naming the consumer, as every one is;
+// the three messages with no payload at all are dropped and logged.
+TEST_F(VidappProcessTest, ARegistrationIsRefusedByNameAndMessagesWithoutPayloadAreDropped) {
+    const SyslogCapture capture = captureSyslog([this] {
+        ::mkdir("/dev/shm", 01777);
+        if (::mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
+            return;
+        }
+        FlagWord privateFlags;
+        privateFlags.set(0x2000000000ULL | D_LOG_LEVEL_ERROR);
+        launchVidapp();
+        const bool ready = launcher.receive(MESSAGE_TIMEOUT).has_value();
+        UdpSender sender(OVRA::VIDAPP_UDP_PORT);
+        sender.send(routerMessage(OVRA::VIDEO_CONSUMER_REGISTER, 1, {7, 0, 0, 0}));
+        const std::uint32_t empty[] = {OVRA::VIDEO_CONSUMER_REGISTER, OVRA::SYSTEM_APPLICATION_STATUS,
+                                       OVRA::CAMERA_SUPPORT_DATA};
+        for (const std::uint32_t id : empty) {
+            sender.send(routerMessage(id, 2, {}));
+        }
+        const bool decoded = vidapp->waitForOutput("2147483676\n2147483676\n2147483652\n16\n", MESSAGE_TIMEOUT);
+        vidapp->signal(SIGINT);
+        const ChildResult result = vidapp->wait(MESSAGE_TIMEOUT);
+        std::printf("RESULT ready=%d decoded=%d exit=%d\n", ready, decoded, result.exited ? result.exitCode : -1);
+    });
+    ASSERT_TRUE(capture.child.exited && capture.child.exitCode == 0) << capture.child.describe();
+    EXPECT_THAT(capture.child.out, HasSubstr("RESULT ready=1 decoded=1 exit=0\n"));
+    std::vector<std::string> records;
+    for (const auto& line : capture.lines) {
+        if (line.message.find("Error Code:      1009") == std::string::npos) { // no ProtocolVersion.ini here
+            records.push_back(line.message);
+        }
+    }
+    const std::string dropped =
+        "101.101.1-7 E:  Error Code:      1203, Error Message:      vidapp: Dropped message ID: ";
+    const std::string expected[] = {
+        "101.101.1-7 E:  Error Code:      421, Error Message:      vidapp: process VideoConsumerRegister_t(): invalid "
+        "video consumerId:[7]",
+        dropped + "0x8000001c, Count: 2. Inter-Arrival:[", dropped + "0x80000004, Count: 2. Inter-Arrival:[",
+        dropped + "0x0010, Count: 2. Inter-Arrival:["};
+    ASSERT_EQ(records.size(), std::size(expected)) << testing::PrintToString(records);
+    for (std::size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].rfind(expected[i], 0), 0U) << records[i];
+    }
 }
 
 } // namespace

@@ -93,6 +93,12 @@ TEST_F(VideoInterfacePipeTest, ArmedPipeTriggersOnceAfterImageDataWasSeen) {
     pipe.writeToBuffer(OVRA::VIDEO_CONSUMER_REGISTER, consumer, 4);
     EXPECT_EQ(log.count("V: vidapp: [VIDEO_INTERFACE_PIPE] isTrigger-looking for RECEIVED_IMAGE_DATA messages"), 1u);
     EXPECT_THROW(write(OVRA::RECEIVED_IMAGE_DATA, 8), OVRA::InvalidMessageIDException);
+    // Datagrams never fire the trigger, whatever the mark: their form of writeToBuffer does not look.
+    EXPECT_EQ(write(OVRA::VIDEO_CONSUMER_REGISTER, 4) + write(OVRA::SYSTEM_APPLICATION_STATUS, 19) +
+                  write(OVRA::CAMERA_SUPPORT_DATA, 248),
+              4u + 19u + 248u);
+    EXPECT_TRUE(pipe.isTriggerArmed());
+    EXPECT_EQ(pipe.getMessagesTracker().getInternalMessagesTracked(), 0u);
     EXPECT_EQ(pipe.writeToBuffer(OVRA::VIDEO_CONSUMER_REGISTER, consumer, 4), 4u);
     EXPECT_FALSE(pipe.isTriggerArmed());
     EXPECT_EQ(log.count("V: vidapp: [VIDEO_INTERFACE_PIPE] isTrigger-received RECEIVED_IMAGE_DATA messages"), 1u);
