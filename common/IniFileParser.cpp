@@ -1,4 +1,5 @@
 #include "common/IniFileParser.h"
+#include "log/ConsoleOutput.h"
 
 #include <cerrno>
 #include <cmath>
@@ -25,10 +26,14 @@ enum class State { LINE_START, IN_HEADER, HEADER_DONE, IN_NAME, IN_VALUE };
     throw error;
 }
 
-bool isTrimmed(char c) { return c == ' ' || c == '\r' || c == '\t' || c == '\n'; }
+bool isTrimmed(char c) {
+    return c == ' ' || c == '\r' || c == '\t' || c == '\n';
+}
 
 // Whether a strto* conversion consumed a non-empty text entirely.
-bool consumedAll(const std::string& text, const char* end) { return end != text.c_str() && *end == '\0'; }
+bool consumedAll(const std::string& text, const char* end) {
+    return end != text.c_str() && *end == '\0';
+}
 
 } // namespace
 
@@ -170,7 +175,9 @@ void IniFileParser::parse(std::istream& input) {
     }
 }
 
-void IniFileParser::insertHeader(const std::string& header) { content.try_emplace(header); }
+void IniFileParser::insertHeader(const std::string& header) {
+    content.try_emplace(header);
+}
 
 void IniFileParser::insertParameter(const std::string& header, const std::string& name, const std::string& value,
                                     int lineNumber) {
@@ -185,7 +192,9 @@ void IniFileParser::insertParameter(const std::string& header, const std::string
     }
 }
 
-bool IniFileParser::containsHeader(const std::string& header) const { return content.count(header) != 0; }
+bool IniFileParser::containsHeader(const std::string& header) const {
+    return content.count(header) != 0;
+}
 
 bool IniFileParser::containsParameter(const std::string& header, const std::string& name) const {
     return find(header, name) != nullptr;
@@ -200,8 +209,7 @@ const std::string* IniFileParser::find(const std::string& header, const std::str
     return parameter == section->second.end() ? nullptr : &parameter->second;
 }
 
-int IniFileParser::getString(const std::string& header, const std::string& name, char* buffer,
-                             std::size_t size) const {
+int IniFileParser::getString(const std::string& header, const std::string& name, char* buffer, std::size_t size) const {
     const std::string* text = find(header, name);
     if (text == nullptr || buffer == nullptr || size == 0) {
         return -1;
@@ -240,7 +248,7 @@ int IniFileParser::getInteger32(const std::string& header, const std::string& na
         return -4;
     }
     if (result < std::numeric_limits<std::int32_t>::min() || result > std::numeric_limits<std::int32_t>::max()) {
-        std::printf("Value not representable by int32_t\n");
+        OVRA::consolePrintf("Value not representable by int32_t\n");
         return -3;
     }
     value = static_cast<std::int32_t>(result);
@@ -256,7 +264,7 @@ int IniFileParser::getFloat64(const std::string& header, const std::string& name
     char* end = nullptr;
     const double result = std::strtod(text->c_str(), &end);
     if (errno == ERANGE) {
-        std::printf("Result too large\n");
+        OVRA::consolePrintf("Result too large\n");
         return -2;
     }
     if (!consumedAll(*text, end)) {
@@ -284,8 +292,7 @@ int IniFileParser::getFloat32(const std::string& header, const std::string& name
     return 0;
 }
 
-int IniFileParser::getFloat32DegreesToRadians(const std::string& header, const std::string& name,
-                                              float& value) const {
+int IniFileParser::getFloat32DegreesToRadians(const std::string& header, const std::string& name, float& value) const {
     const int result = getFloat32(header, name, value);
     if (result == 0) {
         value *= 0.017453292F;

@@ -1,4 +1,5 @@
 #include "framework/Application.h"
+#include "log/ConsoleOutput.h"
 
 #include <atomic>
 #include <cerrno>
@@ -43,9 +44,7 @@ std::uint64_t now_ms() {
 }
 
 void writeLine(const char* line) {
-    std::fputs(line, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    consoleLine(line);
 }
 
 } // namespace
@@ -187,8 +186,7 @@ void Application::sendReadyMessage() {
 
 void Application::decodeMessagePayload(const PDUMessage_t& message) {
     // A trace of every message ID on the console, kept for the system's integration logs.
-    std::printf("%u\n", message.messageId);
-    std::fflush(stdout);
+    consolePrintf("%u\n", message.messageId);
     const std::uint64_t now = ovraSystemTimestamp_us();
     try {
         ovraLogImplementPrintf("decodeMessagePayload(): decode message (ID: 0x%04x, count: %u, Timestamp: %lu us)",

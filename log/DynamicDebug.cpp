@@ -1,4 +1,6 @@
 #include "log/DynamicDebug.h"
+#include "log/ConsoleOutput.h"
+#include "log/SyslogClient.h"
 
 #include <array>
 #include <atomic>
@@ -78,7 +80,7 @@ std::vector<void*> retiredMappings; // guarded by retiredMutex
 // A command on a word that was never attached is reported instead of crashing the caller.
 bool attached() {
     if (wordAddress() == nullptr) {
-        std::printf("Invalid DLOG Shared Memory. Serious issue!\n");
+        OVRA::consolePrintf("Invalid DLOG Shared Memory. Serious issue!\n");
         return false;
     }
     return true;
@@ -95,17 +97,17 @@ void clearBits(std::uint64_t bits) {
 int initDLogInterface() {
     shm_dlog_id = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | DLOG_SHARED_MEMORY_MODE);
     if (shm_dlog_id == -1) {
-        std::printf("Shared Memory DLog Initialization Failed\n");
+        OVRA::consolePrintf("Shared Memory DLog Initialization Failed\n");
         return 0;
     }
     void* address = shmat(shm_dlog_id, nullptr, 0);
     if (address == reinterpret_cast<void*>(-1)) {
-        std::printf("shared memory DLog access failed\n");
+        OVRA::consolePrintf("shared memory DLog access failed\n");
         shm_dlog_detail = nullptr;
         return 0;
     }
     shm_dlog_detail = static_cast<std::uint64_t*>(address);
-    openlog("OVRALogs", LOG_CONS | LOG_PID, LOG_USER);
+    OVRA::syslogOpen("OVRALogs", LOG_CONS | LOG_PID, LOG_USER);
     return 1;
 }
 
@@ -143,16 +145,16 @@ int closeDLogInterface(bool keepSegment) {
         retiredMappings.clear();
     }
     if (shm_dlog_detail == nullptr) {
-        std::printf("Error: In closeDLogInterface(), found that shared memory is not created\n");
+        OVRA::consolePrintf("Error: In closeDLogInterface(), found that shared memory is not created\n");
         return 0;
     }
     if (shmdt(shm_dlog_detail) == -1) {
-        std::printf("Detachment of Shared Memory DLog from process address space, failed\n");
+        OVRA::consolePrintf("Detachment of Shared Memory DLog from process address space, failed\n");
         return 0;
     }
-    closelog();
+    OVRA::syslogClose();
     if (!keepSegment && shmctl(shm_dlog_id, IPC_RMID, nullptr) == -1) {
-        std::printf("Marking for destruction of Shared Memory DLog, failed\n");
+        OVRA::consolePrintf("Marking for destruction of Shared Memory DLog, failed\n");
         return 0;
     }
     // The pointer is left as it is after detaching, as every process of the system does.
@@ -178,7 +180,7 @@ void setDebugBitsOn(const char* command) {
         if (isCommandCharacter(*c)) {
             word().fetch_or(SET_TABLE[static_cast<unsigned char>(*c)], std::memory_order_relaxed);
         } else {
-            std::printf("Warning! Invalid character in the arguments:%c\n", *c);
+            OVRA::consolePrintf("Warning! Invalid character in the arguments:%c\n", *c);
         }
     }
 }
@@ -191,7 +193,7 @@ void setDebugBitsOff(const char* command) {
         if (isCommandCharacter(*c)) {
             word().fetch_and(CLEAR_TABLE[static_cast<unsigned char>(*c)], std::memory_order_relaxed);
         } else {
-            std::printf("Warning! Invalid character in the arguments:%c\n", *c);
+            OVRA::consolePrintf("Warning! Invalid character in the arguments:%c\n", *c);
         }
     }
 }

@@ -8,8 +8,11 @@
 #include "common/IniFileParser.h"
 #include "common/OVRAException.h"
 #include "log/LogLevel.h"
+#include "log/SyslogClient.h"
 
-JlogClient::JlogClient(const std::string& name) : appName(name) { initJlog(); }
+JlogClient::JlogClient(const std::string& name) : appName(name) {
+    initJlog();
+}
 
 void JlogClient::initJlog() {}
 
@@ -34,7 +37,7 @@ void JlogClient::sendToJlog(const OVRALogMessage_t* record) const {
     (void)std::snprintf(line, sizeof line, "%u.%u.%u-%u %s", record->appVersion.major, record->appVersion.minor,
                         record->appVersion.patch, record->appVersion.build, record->text);
     line[sizeof line - 1] = '\0';
-    syslog(priorityForLevel(record->logLevel), "%s", line);
+    (void)OVRA::syslogSend(priorityForLevel(record->logLevel), line);
 }
 
 int JlogClient::getNumPagesOrDefault(const std::string& key, int value, int defaultValue) const {

@@ -1,4 +1,5 @@
 #include "log/OVRALogImplementString.h"
+#include "log/ConsoleOutput.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -49,12 +50,7 @@ void ovraLogImplementString(const char* text, OVRA::LogLevel_e level) {
         record.text[length - 1] = '\0';
     }
 
-    // One locked write keeps the lines of different threads whole.
-    flockfile(stdout);
-    std::fputs(text, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-    funlockfile(stdout);
+    OVRA::consoleLine(text);
 
     client->sendLogMessage(&record);
 }

@@ -1,4 +1,5 @@
 #include "video_interface/VideoBufferManager.h"
+#include "log/ConsoleOutput.h"
 
 #include <cstring>
 #include <exception>
@@ -100,7 +101,7 @@ bool VideoBufferManager::receiveBufferContents() {
         ovraLogImplementPrintf("store() setFull", OVRA::LOG_LEVEL_INFO);
         ovraLogImplementPrintf("store() success", OVRA::LOG_LEVEL_INFO);
     } catch (const std::exception& e) {
-        std::cout << "store() exception" << std::endl;
+        OVRA::consoleLine("store() exception");
         ovraLogImplementErrorPrintf(423, "%s", e.what());
         throw BufferManagerException(423, e.what());
     }

@@ -1,4 +1,5 @@
 #include "video_interface/VideoInterfaceAlgorithmProxy.h"
+#include "log/ConsoleOutput.h"
 
 #include <array>
 #include <cstdio>
@@ -37,9 +38,7 @@ constexpr double FPS30_SHORTEST_PERIOD_MS = 1000.0 / 33.0;
 constexpr double FPS30_LONGEST_PERIOD_MS = 1000.0 / 27.0;
 
 void printLine(const char* text) {
-    std::fputs(text, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    consoleLine(text);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "common/OVRAException.h"
+#include "log/ConsoleOutput.h"
 #include "log/OVRALogImplementPrintf.h"
 #include "video_interface/VideoInterfaceAlgorithmProxy.h"
 
@@ -16,9 +17,7 @@ constexpr std::uint32_t STANDARD_EXCEPTION_ERROR = 1045;
 constexpr std::uint32_t FRAME_SLOT = 0;
 
 void printLine(const char* text) {
-    std::fputs(text, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
+    consoleLine(text);
 }
 
 } // namespace
@@ -34,9 +33,8 @@ void VideoInterfaceAlgorithmProxy::startImageCapturing() {
     }
     const std::uint32_t width = source->getWidth();
     const std::uint32_t height = source->getHeight();
-    std::printf(" Frame size : %u x %u, %llu Pixels %u FPS\n", width, height,
-                static_cast<unsigned long long>(width) * height, source->getFramesPerSecond());
-    std::fflush(stdout);
+    consolePrintf(" Frame size : %u x %u, %llu Pixels %u FPS\n", width, height,
+                  static_cast<unsigned long long>(width) * height, source->getFramesPerSecond());
 
     std::uint32_t sequenceNumber = 0;
     cv::Mat frame;

@@ -11,6 +11,7 @@
 #include "common/SignalHandling.h"
 #include "communication/OVRACommunicationUtils.h"
 #include "framework/FeatureApplication.h"
+#include "log/ConsoleOutput.h"
 #include "log/DynamicDebug.h"
 #include "log/LogMessageClient.h"
 #include "log/OVRALogImplementPrintf.h"
@@ -82,9 +83,9 @@ int runApplication(std::string& failureReason) {
 // standard error why it ended with status 1.
 void reportFailure(const std::string& reason) {
     if (reason.empty()) {
-        std::fputs("vidapp: ended with status 1; the reasons are in the system log (OVRALogs)\n", stderr);
+        OVRA::consoleErrorPrintf("vidapp: ended with status 1; the reasons are in the system log (OVRALogs)\n");
     } else {
-        std::fprintf(stderr, "vidapp: start-up failed: %s\n", reason.c_str());
+        OVRA::consoleErrorPrintf("vidapp: start-up failed: %s\n", reason.c_str());
     }
 }
 
@@ -99,8 +100,10 @@ int main() {
         std::fprintf(stderr, "vidapp: not started: %s\n", reason.c_str());
         return 1;
     }
+    // From here on a slow reader of the console costs lines, never a wait.
+    OVRA::setConsoleNeverWaits(true);
     if (initDLogInterface() == 0) {
-        std::fputs("Shared memory Initialization Failed. Exiting!!\n", stdout);
+        OVRA::consolePrintf("Shared memory Initialization Failed. Exiting!!\n");
         return 0;
     }
     startProfileThread();
@@ -111,8 +114,8 @@ int main() {
         static LogMessageClient logMessageClient("vidapp", OVRAAppVersion_t{101, 101, 1, 101101});
         logClientReady = true;
     } catch (...) {
-        std::fputs("VideoInterfaceApplication main(): Unknown exception from videoInterfacelogMessageClient.\n",
-                   stderr);
+        OVRA::consoleErrorPrintf(
+            "VideoInterfaceApplication main(): Unknown exception from videoInterfacelogMessageClient.\n");
     }
     if (logClientReady) {
         std::string failureReason;
@@ -137,5 +140,6 @@ int main() {
         }
     }
     joinProfileThread();
+    OVRA::reportDroppedConsoleLines();
     return status;
 }

@@ -8,6 +8,7 @@
 #include "common/OVRAException.h"
 #include "common/SignalHandling.h"
 #include "framework/FeatureApplication.h"
+#include "log/ConsoleOutput.h"
 #include "log/LogError.h"
 #include "log/OVRALogImplementPrintf.h"
 
@@ -32,8 +33,7 @@ inline std::uint16_t checkedThreads(std::uint16_t numberOfAppThreads) {
 }
 
 inline void printRunningFlag(const char* text, bool running) {
-    std::printf("%s%d\n", text, running ? 1 : 0);
-    std::fflush(stdout);
+    consolePrintf("%s%d\n", text, running ? 1 : 0);
 }
 
 } // namespace featureApplicationDetail
@@ -95,8 +95,7 @@ template <typename T> void FeatureApplication<T>::featureAppThreadRun(std::uint1
     pthread_setname_np(pthread_self(), systemName);
     try {
         ovraLogImplementPrintf("appThreadRun(): %s app thread started ... ", LOG_LEVEL_DEBUG, threadName);
-        std::printf("inside featureAppThreadRun() \nmRunning value %d\n", mRunning.load() ? 1 : 0);
-        std::fflush(stdout);
+        consolePrintf("inside featureAppThreadRun() \nmRunning value %d\n", mRunning.load() ? 1 : 0);
         while (mRunning.load()) {
             const std::uint32_t result = mFeatureApp.run();
             if (!mRunning.load()) {

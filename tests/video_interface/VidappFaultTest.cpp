@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 #include "tests/log/SyslogSink.h"
 #include "tests/support/VidappFrames.h"
@@ -169,6 +172,89 @@ TEST_F(VidappFaultTest, SigintBeforeStartUpHasFinishedEndsTheProcessInOrder) {
         (void)launcher.receive(0ms);
     }
     FAIL() << "start-up finished before the hold in each of 20 attempts";
+}
+
+// Standard output a pipe that nobody reads: the lines that would wait are dropped and counted, the
+// receive thread goes on (its fail-safe still stops the process) and so does a live-stream start; the
+// count is reported once the pipe is read again.
+TEST_F(VidappFaultTest, AConsoleNobodyReadsStallsNeitherMessagesNorCaptureNorTheStop) {
+    writePgmImage(frameDirectory + "/0.pgm", patternImage(64, 48, 1));
+    const std::string fifo = workingDirectory + "/console";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const int console = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC); // a reader that does not read
+    ASSERT_GE(console, 0);
+    flags.set(VIDAPP_LOGGING);
+    ChildOptions options;
+    options.unsetEnvironment = {"VIDAPP_CAMERA_PIPELINE", "CLOCK_DIVISOR"};
+    options.setEnvironment = {"VIDAPP_FRAME_DIR=" + frameDirectory};
+    options.workingDirectory = workingDirectory;
+    vidapp = std::make_unique<Child>(std::vector<std::string>{"/bin/sh", "-c", "exec \"$0\" >console", VIDAPP_PATH},
+                                     options);
+    ASSERT_TRUE(launcher.receive(MESSAGE_TIMEOUT).has_value()) << vidapp->wait(1s).describe();
+    UdpSender sender(OVRA::VIDAPP_UDP_PORT);
+    const auto supportData = routerMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(248, 0));
+    for (int i = 0; i < 3000; ++i) { // about 130 KB of trace: twice what the pipe holds
+        sender.send(supportData);
+        if (i % 100 == 0) {
+            std::this_thread::sleep_for(1ms); // within the socket's buffer
+        }
+    }
+    flags.set(D_LIVE_STREAM_START);
+    EXPECT_TRUE(router.receive(MESSAGE_TIMEOUT).has_value()) << "the capture does not wait for the console";
+    // Read again, the console gets the count of what it missed with the next line.
+    std::string out;
+    const auto readConsole = [&] {
+        char chunk[65536];
+        for (ssize_t n; (n = ::read(console, chunk, sizeof(chunk))) > 0;) {
+            out.append(chunk, static_cast<std::size_t>(n));
+        }
+        return out.find(" console lines dropped: the reader was not keeping up\n") != std::string::npos;
+    };
+    (void)readConsole();
+    sender.send(supportData);
+    EXPECT_TRUE(waitUntil(readConsole, MESSAGE_TIMEOUT)) << out.substr(out.size() > 500 ? out.size() - 500 : 0);
+    std::vector<std::uint8_t> mismatched = supportData;
+    mismatched[4] = 200; // the length field
+    for (int i = 0; i < 6; ++i) {
+        sender.send(mismatched);
+    }
+    const ChildResult result = vidapp->wait(10s);
+    ::close(console);
+    EXPECT_TRUE(result.exited && result.exitCode == 0) << result.err;
+    EXPECT_TRUE(frameObjects().empty());
+}
+
+// A system log that stops reading, with error logging on: records that cannot be queued are dropped
+// and neither messages nor the capture nor the stop wait for it.
+TEST_F(VidappFaultTest, AStalledSystemLogStallsNeitherMessagesNorCaptureNorTheStop) {
+    writePgmImage(frameDirectory + "/0.pgm", patternImage(64, 48, 1));
+    const SyslogCapture capture = captureSyslog([this] {
+        ::mkdir("/dev/shm", 01777);
+        if (::mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
+            return;
+        }
+        FlagWord privateFlags;
+        privateFlags.set(VIDAPP_LOGGING);
+        launchVidapp({"VIDAPP_FRAME_DIR=" + frameDirectory});
+        const bool ready = launcher.receive(MESSAGE_TIMEOUT).has_value();
+        UdpSender sender(OVRA::VIDAPP_UDP_PORT);
+        const auto shortSupport = routerMessage(OVRA::CAMERA_SUPPORT_DATA, 1, std::vector<std::uint8_t>(100, 0));
+        for (int i = 0; i < 100; ++i) { // a dropped-message record each
+            sender.send(shortSupport);
+        }
+        const bool decoded = waitUntil([&] { return occurrences(vidapp->out(), "\n16\n") >= 100; }, MESSAGE_TIMEOUT);
+        privateFlags.set(D_LIVE_STREAM_START);
+        const bool captured = router.receive(MESSAGE_TIMEOUT).has_value();
+        const auto sentAt = std::chrono::steady_clock::now();
+        vidapp->signal(SIGINT);
+        const ChildResult result = vidapp->wait(MESSAGE_TIMEOUT);
+        const bool quick = std::chrono::steady_clock::now() - sentAt < 2s;
+        std::printf("RESULT ready=%d decoded=%d captured=%d quick=%d exit=%d\n", ready, decoded, captured, quick,
+                    result.exited ? result.exitCode : -1);
+    });
+    ASSERT_TRUE(capture.child.exited && capture.child.exitCode == 0) << capture.child.describe();
+    EXPECT_THAT(capture.child.out, HasSubstr("RESULT ready=1 decoded=1 captured=1 quick=1 exit=0\n"));
+    EXPECT_LT(capture.lines.size(), 100U) << "the logger held only what its queue takes";
 }
 
 } // namespace
