@@ -1,4 +1,5 @@
 #include "common/IniFileParser.h"
+#include "common/SystemCall.h"
 #include "log/ConsoleOutput.h"
 
 #include <cerrno>
@@ -6,8 +7,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <limits>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "common/OVRAException.h"
 
@@ -51,13 +56,27 @@ std::string IniFileParser::stripLeadingTrailingSpaces(const std::string& text) {
 
 void IniFileParser::parseFile(const std::string& fileName) {
     const std::string path = std::string(CONFIGURATION_DIRECTORY) + fileName;
-    std::ifstream input(path, std::ios::in | std::ios::binary);
-    // A directory opens but cannot be read: it is no more an INI file than a missing one.
-    if (!input.is_open() || (input.peek() == std::char_traits<char>::eof() && input.bad())) {
+    // Only a regular file is an INI file: a directory or a FIFO (whose open would wait for a writer)
+    // fails as a missing file does.
+    std::string text;
+    const int fd = OVRA::retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+    struct stat status {};
+    bool readable = fd >= 0 && ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    char chunk[4096];
+    for (ssize_t n = 1; readable && n > 0;) {
+        n = OVRA::retryOnEintr([&] { return ::read(fd, chunk, sizeof chunk); });
+        readable = n >= 0;
+        text.append(chunk, n > 0 ? static_cast<std::size_t>(n) : 0);
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+    if (!readable) {
         char message[SHORT_MESSAGE_SIZE];
         (void)std::snprintf(message, sizeof message, "Failed to open ini File: %s", path.c_str());
         throw IniFileParserException(OPEN_ERROR, message);
     }
+    std::istringstream input(text);
     parse(input);
 }
 
@@ -165,8 +184,9 @@ void IniFileParser::parse(std::istream& input) {
         }
     }
 
-    // A last line without a line feed.
-    if (state == State::IN_VALUE) {
+    // A last line without a line feed: a pending value is stored as on a line feed, but a name with
+    // '=' and nothing after it has nothing pending and is dropped, as every process's parser does.
+    if (state == State::IN_VALUE && !token.empty()) {
         storeValue();
     } else if (!token.empty() && state != State::LINE_START) {
         char message[SHORT_MESSAGE_SIZE];

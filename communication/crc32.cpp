@@ -182,4 +182,8 @@ std::uint32_t crc32Buffer(const void* data, std::size_t size, bool single, std::
     return finish(single, crc32Portable(r, p, size));
 }
 
+std::uint32_t crc32BufferPortable(const void* data, std::size_t size, bool single, std::uint32_t crc) {
+    return finish(single, crc32Portable(start(single, crc), static_cast<const std::uint8_t*>(data), size));
+}
+
 } // namespace OVRA

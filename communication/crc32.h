@@ -27,5 +27,8 @@ std::uint32_t crc32Size64Bit(std::uint64_t value, bool single, std::uint32_t crc
 // Feeds size bytes from data in address order, with the same modes; what the message CRC uses
 // for the payload. data may be null only when size is 0.
 std::uint32_t crc32Buffer(const void* data, std::size_t size, bool single, std::uint32_t crc);
+// crc32Buffer by the table path alone: what a machine without a faster instruction path runs, and
+// what crc32Buffer itself runs for short buffers and the tail of long ones.
+std::uint32_t crc32BufferPortable(const void* data, std::size_t size, bool single, std::uint32_t crc);
 
 } // namespace OVRA

@@ -76,8 +76,12 @@ Model modelOf(std::string_view text, Candidates& candidates) {
         const std::size_t equals = line.find('=');
         const std::string name = IniFileParser::stripLeadingTrailingSpaces(std::string(line.substr(0, equals)));
         candidates.parameters.emplace_back(header, name);
-        if (inHeader && equals != std::string_view::npos) {
-            model[header][name] = IniFileParser::stripLeadingTrailingSpaces(std::string(line.substr(equals + 1)));
+        const std::string value = equals == std::string_view::npos
+                                      ? std::string()
+                                      : IniFileParser::stripLeadingTrailingSpaces(std::string(line.substr(equals + 1)));
+        // An empty value parses only on a last line without a line feed, and is dropped there.
+        if (inHeader && !value.empty()) {
+            model[header][name] = value;
         }
     }
     return model;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -74,8 +75,19 @@ std::atomic_ref<std::uint64_t> word() {
 
 // Mappings of segments that were removed under us; a thread may still be reading through one, so
 // they stay attached until closeDLogInterface.
-std::mutex retiredMutex;
-std::vector<void*> retiredMappings; // guarded by retiredMutex
+// A failure to follow a removed word is reported once, and again only after a success.
+std::atomic<bool> refreshFailureReported{false};
+
+int refreshFailed(const char* call) {
+    const int error = errno;
+    if (!refreshFailureReported.exchange(true)) {
+        OVRA::consoleErrorPrintf(
+            "refreshDLogInterface(): the debug flag word was removed and cannot be attached again: "
+            "%s errno: %d (%s)\n",
+            call, error, std::strerror(error));
+    }
+    return 0;
+}
 
 // A command on a word that was never attached is reported instead of crashing the caller.
 bool attached() {
@@ -122,28 +134,21 @@ int refreshDLogInterface() {
     }
     const int id = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | DLOG_SHARED_MEMORY_MODE);
     if (id == -1) {
-        return 0;
+        return refreshFailed("shmget()");
     }
-    void* address = shmat(id, nullptr, 0);
+    // The new word replaces the old one at the same address: a thread reading the word through the
+    // pointer it already holds reads one or the other, never an unmapped page, and the old
+    // attachment goes in the same step instead of piling up.
+    void* address = shmat(id, shm_dlog_detail, SHM_REMAP);
     if (address == reinterpret_cast<void*>(-1)) {
-        return 0;
+        return refreshFailed("shmat()");
     }
-    std::uint64_t* previous = std::atomic_ref<std::uint64_t*>(shm_dlog_detail)
-                                  .exchange(static_cast<std::uint64_t*>(address), std::memory_order_acq_rel);
     shm_dlog_id = id;
-    std::lock_guard<std::mutex> lock(retiredMutex);
-    retiredMappings.push_back(previous);
+    refreshFailureReported.store(false);
     return 1;
 }
 
 int closeDLogInterface(bool keepSegment) {
-    {
-        std::lock_guard<std::mutex> lock(retiredMutex);
-        for (void* mapping : retiredMappings) {
-            (void)shmdt(mapping);
-        }
-        retiredMappings.clear();
-    }
     if (shm_dlog_detail == nullptr) {
         OVRA::consolePrintf("Error: In closeDLogInterface(), found that shared memory is not created\n");
         return 0;

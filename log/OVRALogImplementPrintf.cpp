@@ -7,14 +7,15 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "log/ConsoleOutput.h"
 #include "log/DynamicDebug.h"
 #include "log/LogError.h"
 
 namespace OVRA {
 
 const std::map<LogLevel_e, std::string> LOG_LEVEL_PREFIX = {
-    {LOG_LEVEL_ERROR, "E: "},   {LOG_LEVEL_WARNING, "W: "}, {LOG_LEVEL_INFO, "I: "},
-    {LOG_LEVEL_DEBUG, "D: "},   {LOG_LEVEL_VERBOSE, "V: "}, {LOG_LEVEL_PROFILE, "P: "},
+    {LOG_LEVEL_ERROR, "E: "}, {LOG_LEVEL_WARNING, "W: "}, {LOG_LEVEL_INFO, "I: "},
+    {LOG_LEVEL_DEBUG, "D: "}, {LOG_LEVEL_VERBOSE, "V: "}, {LOG_LEVEL_PROFILE, "P: "},
 };
 
 const std::map<LogLevel_e, std::uint64_t> LOG_LEVEL_DEBUG_VALUE = {
@@ -24,9 +25,9 @@ const std::map<LogLevel_e, std::uint64_t> LOG_LEVEL_DEBUG_VALUE = {
 };
 
 const std::map<std::string, std::uint64_t> APP_DEBUG_VALUE = {
-    {"launch", 0x1},          {"extint", 0x2},          {"router", 0x4},         {"modmgr", 0x8},
-    {"parkas", 0x10},         {"logmsg", 0x20},         {"utguid", 0x2000000},   {"ahifusn", 0x4000000},
-    {"ahivis", 0x8000000},    {"hballd", 0x20000000},   {"localz", 0x40000000},  {"vidapp", 0x2000000000},
+    {"launch", 0x1},       {"extint", 0x2},        {"router", 0x4},        {"modmgr", 0x8},
+    {"parkas", 0x10},      {"logmsg", 0x20},       {"utguid", 0x2000000},  {"ahifusn", 0x4000000},
+    {"ahivis", 0x8000000}, {"hballd", 0x20000000}, {"localz", 0x40000000}, {"vidapp", 0x2000000000},
     {"udr", 0x8000000000},
 };
 
@@ -44,12 +45,17 @@ std::uint64_t readClockDivisor() {
     if (text == nullptr) {
         return 1;
     }
+    // Read as the other processes of the system read it (std::stol, base 10): leading blanks and a
+    // sign are taken, and whatever follows the number is ignored, so "1000\r" or "1000ms" is 1000.
     errno = 0;
     char* end = nullptr;
     const long long value = std::strtoll(text, &end, 10);
-    if (end == text || *end != '\0' || errno == ERANGE || value < 0) {
-        std::fprintf(stderr, "CLOCK_DIVISOR=\"%s\" is not a non-negative decimal number: using 1\n", text);
+    if (end == text || errno == ERANGE || value < 0) {
+        OVRA::consoleErrorPrintf("CLOCK_DIVISOR=\"%s\" is not a non-negative decimal number: using 1\n", text);
         return 1;
+    }
+    if (*end != '\0') {
+        OVRA::consoleErrorPrintf("CLOCK_DIVISOR=\"%s\" has text after its number: using %lld\n", text, value);
     }
     return static_cast<std::uint64_t>(value);
 }
@@ -79,11 +85,14 @@ std::uint64_t ovraSystemTimestamp_us() {
         return 0;
     }
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto nanoseconds = static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+    const auto nanoseconds =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
     return nanoseconds / 1000 / divisor;
 }
 
-std::uint64_t ovraGetDebugMaxStringBufferLength() { return PRINTF_BUFFER_SIZE; }
+std::uint64_t ovraGetDebugMaxStringBufferLength() {
+    return PRINTF_BUFFER_SIZE;
+}
 
 void ovraLogImplementPrintf(const char* format, OVRA::LogLevel_e level, ...) {
     const std::uint64_t mask = OVRA::APP_DEBUG_VALUE.at(OVRA::APP_NAME) | OVRA::LOG_LEVEL_DEBUG_VALUE.at(level);

@@ -62,6 +62,12 @@ const std::vector<NamedBits>& levels() {
     return list;
 }
 
+// The live-stream start command is the profile level (bit 63) together with the launcher's letter
+// a (bit 0): commands that set those two for their own sake start the camera all the same.
+bool isLiveStreamStartPending(std::uint64_t word) {
+    return (word & D_LIVE_STREAM_START) == D_LIVE_STREAM_START;
+}
+
 void printNamed(const char* title, const std::vector<std::string>& names) {
     std::printf("%-13s", title);
     if (names.empty()) {
@@ -101,6 +107,9 @@ void describeWord(std::uint64_t word) {
         }
     }
     printNamed("Commands:", names);
+    if (isLiveStreamStartPending(word)) {
+        std::printf("Pending:      live-stream start: vidapp starts the camera within a second\n");
+    }
 
     names.clear();
     for (char c = 'a'; c <= 'z'; ++c) {
@@ -149,18 +158,16 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         return usageError("no command given");
     }
-    // "--" is a command string (it clears the recording start command), but "--help" and other
-    // words after two dashes are options typed out of habit: never apply them to the word.
+    // "--help" alone asks for the help; any other string that starts with '+', '-' or '0' is a
+    // command string, "--B" (clear the recording start and B) included.
     for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "--help" && argc == 2) {
+        if (std::string(argv[i]) == "--help") {
+            if (argc > 2) {
+                return usageError("'--help' takes no further arguments");
+            }
             (void)printHelp();
             printToolHelp();
             return EXIT_OK;
-        }
-        if (argument.size() > 2 && argument.compare(0, 2, "--") == 0 &&
-            std::isalpha(static_cast<unsigned char>(argument[2]))) {
-            return usageError(("'" + argument + "' is not a command string (use 'vidapp-dlog help')").c_str());
         }
     }
     const std::string first = argv[1];
@@ -194,8 +201,18 @@ int main(int argc, char** argv) {
     if (!attach()) {
         return EXIT_NOT_ATTACHED;
     }
+    bool unaskedLiveStreamStart = false;
     for (int i = 1; i < argc; ++i) {
+        const bool pendingBefore = isLiveStreamStartPending(*shm_dlog_detail);
         setDebugBits(argv[i]);
+        const bool asked = argv[i][0] == '+' && std::strchr(argv[i], ')') != nullptr;
+        const bool pendingAfter = isLiveStreamStartPending(*shm_dlog_detail);
+        unaskedLiveStreamStart = pendingAfter && (unaskedLiveStreamStart || (!pendingBefore && !asked));
+    }
+    if (unaskedLiveStreamStart) {
+        std::fprintf(stderr, "vidapp-dlog: warning: the profile level (6) and the letter a together are the "
+                             "live-stream start command: vidapp will start the camera (clear one of them with -6 or "
+                             "-a)\n");
     }
     return show();
 }

@@ -143,12 +143,22 @@ TEST_F(IniFileParserTest, ReadsTheFileUnderNfsOr1009WithLineZero) {
               "none");
     EXPECT_EQ(value("Protocol", "T1D_VER"), "0102");
     EXPECT_EQ(value("Protocol", "DIAG_INTF_VER"), std::string(128, '3'));
+    // An empty value on a last line without a line feed is dropped, as every process's parser does.
+    std::ofstream("/NFS/EmptyLast.ini", std::ios::binary) << "[Protocol]\nT1D_VER=0103\nDIAG_INTF_VER=";
+    IniFileParser emptyLast;
+    ASSERT_NO_THROW(emptyLast.parseFile("EmptyLast.ini"));
+    std::string version;
+    EXPECT_EQ(emptyLast.getString("Protocol", "T1D_VER", version), 0);
+    EXPECT_EQ(version, "0103");
+    EXPECT_EQ(emptyLast.getString("Protocol", "DIAG_INTF_VER", version), -1);
     // With a line end the 128th character is too many; what was read before it stays.
     EXPECT_EQ(parseFile("TooLong.ini", "; configuration\r\n[S]\r\nok=1\r\nk=" + std::string(128, 'x') + "\r\n"),
               "413 line 4: Maximum size of header, name or value exceeded");
     EXPECT_EQ(value("S", "ok"), "1");
     ASSERT_EQ(mkdir("/NFS/config.d", 0755), 0);
-    for (const std::string& name : {std::string("Missing.ini"), std::string("config.d"), std::string(200, 'n')}) {
+    ASSERT_EQ(mkfifo("/NFS/Fifo.ini", 0644), 0); // its open would wait for a writer
+    for (const std::string& name :
+         {std::string("Missing.ini"), std::string("config.d"), std::string("Fifo.ini"), std::string(200, 'n')}) {
         SCOPED_TRACE(name);
         EXPECT_EQ(outcome([&] { parser.parseFile(name); }),
                   "1009 line 0: " + ("Failed to open ini File: /NFS/" + name).substr(0, 127));

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <atomic>
 #include <string>
 #include <sys/resource.h>
@@ -118,15 +120,42 @@ TEST_F(DynamicDebugTest, CheckShowResetAndHelp) {
               "App 1 : A or a\nApp 2 : B or b\n");
 }
 
+// The word attached at the same address, once, however often it was removed and made anew; a word
+// that cannot be attached again is reported once until a refresh succeeds.
 TEST_F(DynamicDebugTest, RefreshFollowsAWordRecreatedByAnOperatorAndCloseRemovesIt) {
-    ASSERT_EQ(shmctl(shm_dlog_id, IPC_RMID, nullptr), 0);
-    const int fresh = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | 0666);
-    auto* operatorView = static_cast<std::uint64_t*>(shmat(fresh, nullptr, 0));
-    ASSERT_NE(operatorView, reinterpret_cast<void*>(-1));
-    *operatorView = D_LIVE_STREAM_START;
-    ASSERT_EQ(refreshDLogInterface(), 1);
-    EXPECT_EQ(word(), D_LIVE_STREAM_START);
-    ASSERT_EQ(shmdt(operatorView), 0);
+    const std::uint64_t* const address = shm_dlog_detail;
+    const auto attachments = [] {
+        std::ifstream maps("/proc/self/maps");
+        std::string line;
+        int count = 0;
+        while (std::getline(maps, line)) {
+            count += line.find("SYSV06163817") != std::string::npos ? 1 : 0;
+        }
+        return count;
+    };
+    for (int cycle = 0; cycle < 20; ++cycle) {
+        ASSERT_EQ(shmctl(shm_dlog_id, IPC_RMID, nullptr), 0);
+        const int fresh = shmget(DLOG_SHARED_MEMORY_KEY, sizeof(std::uint64_t), IPC_CREAT | 0666);
+        auto* operatorView = static_cast<std::uint64_t*>(shmat(fresh, nullptr, 0));
+        ASSERT_NE(operatorView, reinterpret_cast<void*>(-1));
+        *operatorView = D_LIVE_STREAM_START + static_cast<std::uint64_t>(cycle);
+        ASSERT_EQ(refreshDLogInterface(), 1);
+        EXPECT_EQ(word(), D_LIVE_STREAM_START + static_cast<std::uint64_t>(cycle));
+        ASSERT_EQ(shmdt(operatorView), 0);
+    }
+    EXPECT_EQ(shm_dlog_detail, address);
+    EXPECT_EQ(attachments(), 1);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(shmctl(shm_dlog_id, IPC_RMID, nullptr), 0);
+        const int foreign = shmget(DLOG_SHARED_MEMORY_KEY, 4, IPC_CREAT | IPC_EXCL | 0666); // the wrong size
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(refreshDLogInterface() + refreshDLogInterface(), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "refreshDLogInterface(): the debug flag word was removed and cannot be attached again: shmget() "
+                  "errno: 22 (Invalid argument)\n");
+        ASSERT_EQ(shmctl(foreign, IPC_RMID, nullptr), 0);
+        ASSERT_EQ(refreshDLogInterface(), 1);
+    }
     ASSERT_EQ(closeDLogInterface(false), 1); // with the mapping of the removed word
     shm_dlog_detail = nullptr;
     EXPECT_EQ(shmget(DLOG_SHARED_MEMORY_KEY, 0, 0), -1);

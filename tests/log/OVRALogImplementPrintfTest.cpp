@@ -101,10 +101,20 @@ TEST(OVRALogImplementPrintfTest, WithoutClientTheLineGoesToStandardErrorStampedB
     const std::string tail = "\nlogString:\n I: vidapp: no client 3\novraLogImplementString(): Null pointer, "
                              "LogMessageClient is not instantiated\n";
     const auto now = [] { return std::chrono::system_clock::now().time_since_epoch() / std::chrono::microseconds(1); };
-    const std::pair<const char*, std::uint64_t> rows[] = {
-        {nullptr, 1},  {"1000", 1000}, {"0", 0}, {"abc", 1},
-        {"1000ms", 1}, {"-5", 1},      {"", 1},  {"99999999999999999999999", 1}};
-    for (const auto& [value, divisor] : rows) {
+    // As the other processes read it (std::stol): text after the number is ignored, with a warning.
+    const std::string fallback = "\" is not a non-negative decimal number: using 1\n";
+    const std::string trailing = "\" has text after its number: using 1000\n";
+    const std::tuple<const char*, std::uint64_t, std::string> rows[] = {{nullptr, 1, ""},
+                                                                        {"1000", 1000, ""},
+                                                                        {"0", 0, ""},
+                                                                        {"abc", 1, fallback},
+                                                                        {"1000ms", 1000, trailing},
+                                                                        {"1000\r", 1000, trailing},
+                                                                        {" +1000 ", 1000, trailing},
+                                                                        {"-5", 1, fallback},
+                                                                        {"", 1, fallback},
+                                                                        {"99999999999999999999999", 1, fallback}};
+    for (const auto& [value, divisor, warning] : rows) {
         SCOPED_TRACE(value == nullptr ? "unset" : value);
         vidapp::test::ChildOptions options{{"VIDAPP_CLOCK_PROBE=1"}, {"CLOCK_DIVISOR"}, "", true};
         if (value != nullptr) {
@@ -116,10 +126,7 @@ TEST(OVRALogImplementPrintfTest, WithoutClientTheLineGoesToStandardErrorStampedB
         const std::size_t at = result.err.find(head);
         ASSERT_TRUE(result.exited && result.exitCode == 0 && at != std::string::npos) << result.describe();
         EXPECT_EQ(result.out.find("no client"), std::string::npos) << result.out;
-        EXPECT_EQ(result.err.substr(0, at),
-                  divisor == 1 && value != nullptr
-                      ? "CLOCK_DIVISOR=\"" + std::string(value) + "\" is not a non-negative decimal number: using 1\n"
-                      : "");
+        EXPECT_EQ(result.err.substr(0, at), warning.empty() ? "" : "CLOCK_DIVISOR=\"" + std::string(value) + warning);
         std::size_t digits = 0;
         const std::uint64_t stamp = std::stoull(result.err.substr(at + head.size()), &digits);
         EXPECT_EQ(result.err.substr(at + head.size() + digits), tail);

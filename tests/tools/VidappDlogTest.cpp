@@ -36,10 +36,14 @@ protected:
 };
 
 TEST_F(VidappDlogTest, CommandStringsApplyInOrderAndShowSeesTheWord) {
-    // Each row acts on the word the rows before it left; "--" is a command string, not an option.
-    const std::pair<const char*, std::string> rows[] = {{"+12", "c00000000000000"},      {"-2 +AB", "40000000c000000"},
-                                                        {"0 +) -a", "8000000000000000"}, {"+) 0", "0"},
-                                                        {"+-", "8000000000000010"},      {"--", "0"}};
+    // Each row acts on the word the rows before it left; "--" and "--B" are command strings.
+    const std::pair<const char*, std::string> rows[] = {{"+12", "c00000000000000"},
+                                                        {"-2 +AB", "40000000c000000"},
+                                                        {"0 +) -a", "8000000000000000"},
+                                                        {"+) 0", "0"},
+                                                        {"+-", "8000000000000010"},
+                                                        {"--", "0"},
+                                                        {"+B --B", "0"}};
     for (const auto& [arguments, word] : rows) {
         dlog(arguments, 0, "Debug Flags in Hex Format:" + word + "\n");
         dlog("show", 0, "Debug Flags in Hex Format:" + word + "\n"); // the word as another process sees it
@@ -48,16 +52,23 @@ TEST_F(VidappDlogTest, CommandStringsApplyInOrderAndShowSeesTheWord) {
     // ')' is bit 63 with bit 0: the live stream command, the profile level and "launch" at once.
     EXPECT_EQ(dlog("0 +12 +3) +Mx").out,
               "Debug Flags in Hex Format:9c00004000800001\nLevels:       error warning info profile\n"
-              "Applications: launch\nCommands:     live-stream-start\nOther bits:   x M\n");
+              "Applications: launch\nCommands:     live-stream-start\n"
+              "Pending:      live-stream start: vidapp starts the camera within a second\nOther bits:   x M\n");
+    // The profile level with the letter a is that command too: applied, but not without a warning.
+    const std::string warning = "vidapp-dlog: warning: the profile level (6) and the letter a together are the "
+                                "live-stream start command";
+    EXPECT_THAT(dlog("0 +6a").err, HasSubstr(warning));
+    EXPECT_EQ(dlog("0 +)").err, "");
+    EXPECT_THAT(dlog("-a +a").err, HasSubstr(warning));
+    EXPECT_EQ(dlog("+1").err, "") << "pending before, not made by this command";
 }
 
 TEST_F(VidappDlogTest, HelpAndUsageErrorsNeedNoSegmentAndRemoveTakesItAway) {
     const std::string help = "Dynamic Debug Help\n+ and - characters are used to add or remove debug flags\n";
     EXPECT_THAT(dlog("help", 0, help).out, HasSubstr("App 2 : B or b\n"));
     EXPECT_THAT(dlog("--help", 0, help).out, HasSubstr(USAGE));
-    // Options typed out of habit are never applied to the word.
-    for (const char* arguments :
-         {"", "x12", "12", "+1 show", "show +1", "SHOW", "--verbose", "+1 --show", "--help +1", "remove now"}) {
+    // Keywords out of place and words that are no command strings are never applied to the word.
+    for (const char* arguments : {"", "x12", "12", "+1 show", "show +1", "SHOW", "--help +1", "remove now"}) {
         const ChildResult result = dlog(arguments, 2);
         EXPECT_THAT(result.err, HasSubstr(USAGE)) << arguments;
         EXPECT_EQ(result.out, "") << arguments;

@@ -262,12 +262,18 @@ TEST_F(VidappProcessTest, StopSignalsEndItInOrderItKeepsItsNameAndASecondOneIsRe
             ASSERT_TRUE(launcher.receive(MESSAGE_TIMEOUT).has_value()) << vidapp->wait(1s).describe();
             const std::string task = "/proc/" + std::to_string(vidapp->pid()) + "/task/";
             EXPECT_EQ(readFile(task + std::to_string(vidapp->pid()) + "/comm"), "vidapp\n");
+            // Each thread names itself once it runs.
             std::vector<std::string> threads;
-            for (const auto& entry : fs::directory_iterator(task)) {
-                threads.push_back(readFile(entry.path() / "comm"));
-            }
-            EXPECT_THAT(threads, testing::IsSupersetOf({"vidapp\n", "InputIPCRun\n", "TimerRun\n", "readSharedComma\n",
-                                                        "ApplicationRun-\n", "profile\n"}));
+            const auto named = [&] {
+                threads.clear();
+                for (const auto& entry : fs::directory_iterator(task)) {
+                    threads.push_back(readFile(entry.path() / "comm"));
+                }
+                return testing::Value(threads,
+                                      testing::IsSupersetOf({"vidapp\n", "InputIPCRun\n", "TimerRun\n",
+                                                             "readSharedComma\n", "ApplicationRun-\n", "profile\n"}));
+            };
+            EXPECT_TRUE(waitUntil(named, MESSAGE_TIMEOUT)) << testing::PrintToString(threads);
             const ChildResult second = runProgram({VIDAPP_PATH}, {}, MESSAGE_TIMEOUT);
             EXPECT_TRUE(second.exited && second.exitCode == 1) << second.describe();
             EXPECT_EQ(second.err, "vidapp: not started: another vidapp is already running (instance lock \"@vidapp\" "
@@ -359,6 +365,36 @@ TEST_F(VidappProcessTest, ARegistrationIsRefusedByNameAndMessagesWithoutPayloadA
     for (std::size_t i = 0; i < records.size(); ++i) {
         EXPECT_EQ(records[i].rfind(expected[i], 0), 0U) << records[i];
     }
+}
+
+// With CLOCK_DIVISOR=1000 every stamp is in milliseconds: the READY report, the results message, its
+// payload and slot 0's header; "1000ms" reads as 1000, as the other processes read it.
+TEST_F(VidappProcessTest, TheClockDivisorAppliesToMessageStampsAndFrameHeaders) {
+    writePgmImage(frameDirectory + "/0.pgm", patternImage(64, 48, 1));
+    const auto now_ms = [] {
+        return static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+                .count());
+    };
+    flags.set(VIDAPP_LOGGING | D_LIVE_STREAM_START);
+    const std::uint64_t before_ms = now_ms();
+    startVidapp({"CLOCK_DIVISOR=1000ms", "VIDAPP_FRAME_DIR=" + frameDirectory});
+    const auto results = router.receive(MESSAGE_TIMEOUT);
+    ASSERT_TRUE(results.has_value()) << vidapp->out();
+    const std::uint64_t after_ms = now_ms();
+    SharedMemory view("IMAGE_FRAME", true);
+    view.attach(sizeof(ISPFrame_t), 1, false);
+    const auto* slot = static_cast<const ISPFrame_t*>(view.getAddress(0));
+    const OVRA::PDUMessage_t message = toMessage(*results);
+    const std::uint64_t stamps[] = {toMessage(readyReport).timestamp, message.timestamp,
+                                    parseResults(message.payload).timestamp, slot->timestamp};
+    for (const std::uint64_t stamp : stamps) {
+        EXPECT_GE(stamp, before_ms);
+        EXPECT_LE(stamp, after_ms);
+    }
+    view.detach();
+    stopVidapp();
+    EXPECT_THAT(vidapp->err(), HasSubstr("CLOCK_DIVISOR=\"1000ms\" has text after its number: using 1000\n"));
 }
 
 } // namespace
