@@ -10,12 +10,17 @@
 #include <gst/gst.h>
 
 #include "log/OVRALogImplementPrintf.h"
+#include "video_interface/ISPFrame.h"
+
+#include <opencv2/imgproc.hpp>
 
 namespace OVRA {
 
 namespace {
 
 constexpr const char* PGM_EXTENSION = ".pgm";
+// Every image fits a frame slot once it is BGR; a FIFO would hold the capture up in its open.
+const ImageFile::Limits IMAGE_LIMITS{true, ISPFrame_t::PIXELS_SIZE / 3};
 
 std::uint32_t toUnsigned(double value) {
     return value > 0.0 ? static_cast<std::uint32_t>(value) : 0U;
@@ -59,13 +64,11 @@ bool CameraFrameSource::pipelineElementsExist(const std::string& pipeline, std::
 
 CameraFrameSource::CameraFrameSource(const std::string& pipeline) {
     if (pipeline.find('!') != std::string::npos) {
-        std::string reason;
-        if (!pipelineElementsExist(pipeline, reason)) {
-            ovraLogImplementPrintf("CameraFrameSource: pipeline refused: %s", LOG_LEVEL_DEBUG, reason.c_str());
-            return;
-        }
+        mPipeline = std::make_unique<CameraPipeline>(pipeline);
+        return;
     }
     mCapture.open(pipeline, cv::CAP_ANY);
+    mOpened = mCapture.isOpened();
 }
 
 CameraFrameSource::~CameraFrameSource() {
@@ -76,20 +79,46 @@ CameraFrameSource::~CameraFrameSource() {
     }
 }
 
+FrameSource::OpenState CameraFrameSource::waitOpened(std::chrono::milliseconds timeout) {
+    if (!mPipeline) {
+        return mOpened ? OpenState::OPENED : OpenState::FAILED;
+    }
+    std::string reason;
+    switch (mPipeline->waitOpen(timeout, reason)) {
+    case CameraPipeline::OpenState::OPENING:
+        return OpenState::OPENING;
+    case CameraPipeline::OpenState::OPEN:
+        mOpened = true;
+        return OpenState::OPENED;
+    case CameraPipeline::OpenState::FAILED:
+        break;
+    }
+    ovraLogImplementPrintf("CameraFrameSource: pipeline refused: %s", LOG_LEVEL_DEBUG, reason.c_str());
+    return OpenState::FAILED;
+}
+
+bool CameraFrameSource::waitFrame(std::chrono::milliseconds timeout) {
+    return !mPipeline || mPipeline->waitFrame(timeout);
+}
+
+bool CameraFrameSource::isOpened() const {
+    return mOpened;
+}
+
 std::uint32_t CameraFrameSource::getWidth() const {
-    return toUnsigned(mCapture.get(cv::CAP_PROP_FRAME_WIDTH));
+    return mPipeline ? mPipeline->getWidth() : toUnsigned(mCapture.get(cv::CAP_PROP_FRAME_WIDTH));
 }
 
 std::uint32_t CameraFrameSource::getHeight() const {
-    return toUnsigned(mCapture.get(cv::CAP_PROP_FRAME_HEIGHT));
+    return mPipeline ? mPipeline->getHeight() : toUnsigned(mCapture.get(cv::CAP_PROP_FRAME_HEIGHT));
 }
 
 std::uint32_t CameraFrameSource::getFramesPerSecond() const {
-    return toUnsigned(mCapture.get(cv::CAP_PROP_FPS));
+    return mPipeline ? mPipeline->getFramesPerSecond() : toUnsigned(mCapture.get(cv::CAP_PROP_FPS));
 }
 
 bool CameraFrameSource::read(cv::Mat& frame) {
-    return mCapture.read(frame);
+    return mPipeline ? mPipeline->read(frame) : mCapture.read(frame);
 }
 
 ImageDirectoryFrameSource::ImageDirectoryFrameSource(const std::string& directory) {
@@ -112,7 +141,7 @@ ImageDirectoryFrameSource::ImageDirectoryFrameSource(const std::string& director
         return;
     }
     try {
-        mCurrent = std::make_unique<ImageFile>(mFiles.front().c_str());
+        mCurrent = std::make_unique<ImageFile>(mFiles.front().c_str(), IMAGE_LIMITS);
     } catch (const std::exception&) {
         return; // ImageFile has logged why
     }
@@ -135,7 +164,7 @@ bool ImageDirectoryFrameSource::read(cv::Mat& frame) {
             return true;
         }
         try {
-            mCurrent = std::make_unique<ImageFile>(mFiles[mNext].c_str());
+            mCurrent = std::make_unique<ImageFile>(mFiles[mNext].c_str(), IMAGE_LIMITS);
         } catch (const std::exception&) {
             ++mNext;
             frame = cv::Mat();
@@ -143,9 +172,11 @@ bool ImageDirectoryFrameSource::read(cv::Mat& frame) {
         }
     }
     ++mNext;
-    // The pixels stay in mCurrent until the next read.
-    frame = cv::Mat(static_cast<int>(mCurrent->getImageHeight()), static_cast<int>(mCurrent->getImageWidth()), CV_8UC1,
-                    const_cast<std::uint8_t*>(mCurrent->getPixelsArray()));
+    // In the camera's layout: a consumer written for the camera reads test frames alike.
+    const cv::Mat grey(static_cast<int>(mCurrent->getImageHeight()), static_cast<int>(mCurrent->getImageWidth()),
+                       CV_8UC1, const_cast<std::uint8_t*>(mCurrent->getPixelsArray()));
+    cv::cvtColor(grey, mBgr, cv::COLOR_GRAY2BGR);
+    frame = mBgr;
     return true;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -8,6 +9,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
 
+#include "video_interface/CameraPipeline.h"
 #include "video_interface/ImageFile.h"
 
 namespace OVRA {
@@ -17,8 +19,16 @@ namespace OVRA {
 // only.
 class FrameSource {
 public:
+    enum class OpenState { OPENING, OPENED, FAILED };
+
     virtual ~FrameSource() = default;
 
+    // Waits up to timeout for the source to open (a camera may take its time, or never answer).
+    virtual OpenState waitOpened(std::chrono::milliseconds /*timeout*/) {
+        return isOpened() ? OpenState::OPENED : OpenState::FAILED;
+    }
+    // Waits up to timeout until read() will not wait; false when the time ran out first.
+    virtual bool waitFrame(std::chrono::milliseconds /*timeout*/) { return true; }
     virtual bool isOpened() const = 0;
     virtual std::uint32_t getWidth() const = 0;
     virtual std::uint32_t getHeight() const = 0;
@@ -51,16 +61,18 @@ struct FrameSourceSettings {
 // Opens the source the settings name. The result may be not opened; it is never null.
 std::unique_ptr<FrameSource> openFrameSource(const FrameSourceSettings& settings);
 
-// The camera: cv::VideoCapture on a GStreamer pipeline string, any back end. A pipeline that names
-// GStreamer elements ('!') is first parsed by GStreamer itself with missing elements fatal: without
-// that check a pipeline whose source does not exist here would open and then wait forever for its
-// first frame. The reason for a refused pipeline is logged at level 4.
+// The camera. A GStreamer pipeline string (one that names elements with '!') is read through its
+// application sink by a CameraPipeline, whose waits are all bounded; anything else (a device, a
+// file) goes to cv::VideoCapture with any back end. The reason for a refused pipeline is logged at
+// level 4.
 class CameraFrameSource : public FrameSource {
 public:
     explicit CameraFrameSource(const std::string& pipeline);
     ~CameraFrameSource() override;
 
-    bool isOpened() const override { return mCapture.isOpened(); }
+    OpenState waitOpened(std::chrono::milliseconds timeout) override;
+    bool waitFrame(std::chrono::milliseconds timeout) override;
+    bool isOpened() const override;
     std::uint32_t getWidth() const override;
     std::uint32_t getHeight() const override;
     std::uint32_t getFramesPerSecond() const override;
@@ -71,14 +83,18 @@ public:
     static bool pipelineElementsExist(const std::string& pipeline, std::string& reason);
 
 private:
-    cv::VideoCapture mCapture;
+    std::unique_ptr<CameraPipeline> mPipeline; // a pipeline string
+    cv::VideoCapture mCapture;                 // anything else
+    bool mOpened = false;
 };
 
-// The ".pgm" files of a directory in name order, each read with ImageFile: 8-bit grey frames of one
-// channel. After the last file every read gives an empty frame. The directory is listed and the
-// first image read when the source is built: a directory that cannot be listed, holds no ".pgm"
-// file or whose first image is not a valid PGM leaves the source not opened. A later image that is
-// not a valid PGM makes its read fail. The frame rate is unknown: 0.
+// The ".pgm" files of a directory in name order, each read with ImageFile and delivered in the
+// camera's layout: 3-channel BGR with the grey value in each channel. After the last file every
+// read gives an empty frame. The directory is listed and the first image read when the source is
+// built: a directory that cannot be listed, holds no ".pgm" file or whose first image is not a
+// valid PGM leaves the source not opened. A later image that is not a valid PGM makes its read
+// fail; so does a file that is not a regular file (a FIFO would hold the capture up) and one whose
+// header claims more pixels than a frame slot holds in BGR. The frame rate is unknown: 0.
 class ImageDirectoryFrameSource : public FrameSource {
 public:
     explicit ImageDirectoryFrameSource(const std::string& directory);
@@ -93,6 +109,7 @@ private:
     std::vector<std::string> mFiles; // full paths, sorted by name
     std::size_t mNext = 0;           // the file the next read delivers
     std::unique_ptr<ImageFile> mCurrent;
+    cv::Mat mBgr;              // the current image in BGR, reused from frame to frame
     bool mFirstLoaded = false; // mCurrent holds mFiles[0], not yet delivered
     bool mOpened = false;
     std::uint32_t mWidth = 0;

@@ -1,5 +1,7 @@
 #include "video_interface/ImageFile.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -56,9 +58,11 @@ bool parseSize(const std::string& line, std::uint32_t& width, std::uint32_t& hei
 
 } // namespace
 
-ImageFile::ImageFile(const char* fileName) : mFileName(fileName != nullptr ? fileName : "") {
+ImageFile::ImageFile(const char* fileName) : ImageFile(fileName, Limits{}) {}
+
+ImageFile::ImageFile(const char* fileName, const Limits& limits) : mFileName(fileName != nullptr ? fileName : "") {
     try {
-        load();
+        load(limits);
     } catch (const std::exception& e) {
         ovraLogImplementErrorPrintf(1045, "General STL exception: %s", e.what());
         throw;
@@ -68,15 +72,25 @@ ImageFile::ImageFile(const char* fileName) : mFileName(fileName != nullptr ? fil
     }
 }
 
-void ImageFile::load() {
+void ImageFile::load(const Limits& limits) {
     const char* name = mFileName.c_str();
+    const auto openFailure = [name](const char* reason) {
+        return ImageException(
+            1051, formatExceptionText("ImageFile ctor(): error openning file:[%s]. error:[%s]", name, reason).text);
+    };
+    struct stat status {};
+    if (limits.regularFileOnly) {
+        if (::stat(name, &status) != 0) {
+            throw openFailure(std::strerror(errno));
+        }
+        if (!S_ISREG(status.st_mode)) {
+            throw openFailure("Not a regular file");
+        }
+    }
     // Reading only: a read-only image must load.
     std::ifstream file(mFileName, std::ios::in | std::ios::binary);
     if (!file.is_open()) {
-        const int error = errno;
-        throw ImageException(1051, formatExceptionText("ImageFile ctor(): error openning file:[%s]. error:[%s]", name,
-                                                       std::strerror(error))
-                                       .text);
+        throw openFailure(std::strerror(errno));
     }
 
     std::string line;
@@ -100,6 +114,12 @@ void ImageFile::load() {
     }
 
     const std::size_t expected = static_cast<std::size_t>(mWidth) * mHeight;
+    if (expected > limits.maxPixels) {
+        throw ImageException(1051, formatExceptionText("ImageFile ctor(): Image too large. File:[%s] claims %u x %u "
+                                                       "pixels, more than %zu",
+                                                       name, mWidth, mHeight, limits.maxPixels)
+                                       .text);
+    }
     // Reserve no more than the rest of the file can fill, whatever the header claims.
     // A stream that cannot seek (a pipe) is read as it comes, growing as the bytes arrive.
     const std::streampos dataStart = file.tellg();

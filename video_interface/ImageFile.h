@@ -11,7 +11,17 @@
 // allocate more than the file could fill. The file is only read.
 class ImageFile {
 public:
+    // What a reader of untrusted files may ask for beyond the format itself.
+    struct Limits {
+        // Anything but a regular file (a FIFO, whose open would wait for a writer; a device) fails
+        // as a missing file does, without being opened for reading.
+        bool regularFileOnly = false;
+        // A header that claims more pixels fails before any pixel is read.
+        std::size_t maxPixels = SIZE_MAX;
+    };
+
     explicit ImageFile(const char* fileName);
+    ImageFile(const char* fileName, const Limits& limits);
 
     std::uint32_t getImageWidth() const { return mWidth; }
     std::uint32_t getImageHeight() const { return mHeight; }
@@ -20,7 +30,7 @@ public:
     const char* getImageFilename() const { return mFileName.c_str(); }
 
 private:
-    void load();
+    void load(const Limits& limits);
 
     std::string mFileName;
     std::uint32_t mWidth = 0;

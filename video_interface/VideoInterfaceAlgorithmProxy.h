@@ -169,6 +169,8 @@ private:
     // Waits up to timeout; true when a stop was requested (at once or during the wait).
     bool waitForShutdown(std::chrono::milliseconds timeout);
     bool isShutdownRequested();
+    // True when a stop was requested or the hitch-ball stop ended the capture (checked here).
+    bool captureMustEnd();
     void sendResults(const OVRAInterSystemMessages::VideoInterfaceResults_t& results);
     // Undistorts frame into slot 0 and writes its header; false (logged) when it does not fit.
     bool storeFrame(const cv::Mat& frame, std::uint64_t timestamp_us, std::uint32_t sequenceNumber);

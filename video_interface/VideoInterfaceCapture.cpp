@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -16,6 +17,35 @@ constexpr std::uint32_t CAPTURE_ERROR = 416;
 constexpr std::uint32_t STANDARD_EXCEPTION_ERROR = 1045;
 constexpr std::uint32_t FRAME_SLOT = 0;
 
+constexpr std::chrono::milliseconds FRAME_WAIT_STEP{100};
+constexpr std::chrono::seconds SILENCE_WARNING_AFTER{5};
+
+// A camera silent for more than five seconds is worth one warning, and one more when it speaks
+// again; no frame is invented in between.
+class SilenceWatch {
+public:
+    void check() {
+        if (!mWarned && std::chrono::steady_clock::now() - mLastFrame > SILENCE_WARNING_AFTER) {
+            ovraLogImplementPrintf("startImageCapturing(): no frame from the camera for %lld s", LOG_LEVEL_WARNING,
+                                   static_cast<long long>(SILENCE_WARNING_AFTER.count()));
+            mWarned = true;
+        }
+    }
+    void frameArrived() {
+        const auto now = std::chrono::steady_clock::now();
+        if (mWarned) {
+            ovraLogImplementPrintf("startImageCapturing(): frames from the camera again after %.1f s",
+                                   LOG_LEVEL_WARNING, std::chrono::duration<double>(now - mLastFrame).count());
+            mWarned = false;
+        }
+        mLastFrame = now;
+    }
+
+private:
+    std::chrono::steady_clock::time_point mLastFrame = std::chrono::steady_clock::now();
+    bool mWarned = false;
+};
+
 void printLine(const char* text) {
     consoleLine(text);
 }
@@ -25,9 +55,36 @@ void printLine(const char* text) {
 void VideoInterfaceAlgorithmProxy::startImageCapturing() {
     ovraLogImplementPrintf("startImageCapturing() function", LOG_LEVEL_INFO);
     const std::unique_ptr<FrameSource> source = openFrameSource(getFrameSourceSettings());
-    if (!source->isOpened()) {
+    // Real cameras stall, take their time to open, or never answer: every wait for one is cut into
+    // short steps between which the stop and the hitch-ball stop are obeyed.
+    SilenceWatch silence;
+    FrameSource::OpenState opened = FrameSource::OpenState::OPENING;
+    while ((opened = source->waitOpened(FRAME_WAIT_STEP)) == FrameSource::OpenState::OPENING) {
+        if (captureMustEnd()) {
+            mCameraRunning.store(false);
+            return;
+        }
+        silence.check();
+    }
+    if (opened == FrameSource::OpenState::FAILED) {
         printLine("Failed to open camera.");
         ovraLogImplementErrorPrintf(CAPTURE_ERROR, "Failed to open camera.");
+        mCameraRunning.store(false);
+        return;
+    }
+    // True once read() will not wait; false when the capture must end first.
+    const auto waitForFrame = [&] {
+        while (!source->waitFrame(FRAME_WAIT_STEP)) {
+            if (captureMustEnd()) {
+                return false;
+            }
+            silence.check();
+        }
+        silence.frameArrived();
+        return true;
+    };
+    // The camera tells its frame size with its first frame.
+    if (!waitForFrame()) {
         mCameraRunning.store(false);
         return;
     }
@@ -40,6 +97,10 @@ void VideoInterfaceAlgorithmProxy::startImageCapturing() {
     cv::Mat frame;
     while (mCameraRunning.load() && !isShutdownRequested()) {
         ovraLogImplementPrintf("mCaptureFrame", LOG_LEVEL_INFO);
+        if (!waitForFrame()) {
+            mCameraRunning.store(false);
+            break;
+        }
         if (!source->read(frame)) {
             printLine("Capture read error");
             ovraLogImplementErrorPrintf(CAPTURE_ERROR, "startImageCapturing(): Capture read error:");
@@ -72,6 +133,14 @@ void VideoInterfaceAlgorithmProxy::startImageCapturing() {
             break;
         }
     }
+}
+
+bool VideoInterfaceAlgorithmProxy::captureMustEnd() {
+    if (isShutdownRequested()) {
+        return true;
+    }
+    updateCameraStopStatus();
+    return !mCameraRunning.load();
 }
 
 bool VideoInterfaceAlgorithmProxy::storeFrame(const cv::Mat& frame, std::uint64_t timestamp_us,

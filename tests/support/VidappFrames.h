@@ -7,6 +7,7 @@
 
 #include <opencv2/calib3d.hpp>
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "communication/OVRAInterSystemMessages.h"
 #include "tests/support/Pgm.h"
@@ -47,7 +48,12 @@ inline cv::Mat undistorted(const cv::Mat& image) {
 inline std::vector<std::uint8_t> expectedSlot(const cv::Mat& image, std::uint64_t timestamp,
                                               std::uint32_t sequenceNumber) {
     std::vector<std::uint8_t> slot(sizeof(ISPFrame_t), 0);
-    const cv::Mat pixels = undistorted(image);
+    // Grey images come from PGM files, which vidapp stores in the camera's layout.
+    cv::Mat bgr = image;
+    if (image.channels() == 1) {
+        cv::cvtColor(image, bgr, cv::COLOR_GRAY2BGR);
+    }
+    const cv::Mat pixels = undistorted(bgr);
     std::memcpy(slot.data(), pixels.data, pixels.total() * pixels.elemSize());
     ISPFrame_t header{};
     header.width = static_cast<std::uint32_t>(image.cols);

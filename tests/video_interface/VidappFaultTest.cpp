@@ -257,4 +257,59 @@ TEST_F(VidappFaultTest, AStalledSystemLogStallsNeitherMessagesNorCaptureNorTheSt
     EXPECT_LT(capture.lines.size(), 100U) << "the logger held only what its queue takes";
 }
 
+// Real cameras stall: one whose next frame is 30 s away, one that opens and never delivers, one that
+// stops delivering mid-capture (then speaks again), one whose open blocks. The capture keeps obeying
+// the stop and the hitch-ball stop while it waits, warns once of a silence over 5 s, and invents no
+// frame.
+TEST_F(VidappFaultTest, AStalledCameraNeverHoldsUpTheStopOrTheHitchBallStop) {
+    const std::string frames = "rawvideoparse width=64 height=48 format=bgr framerate=4/1 ! appsink";
+    const std::string fifo = workingDirectory + "/camera";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::uint8_t> frame(64 * 48 * 3, 7);
+    UdpSender camera(50499);
+    const std::string stalled = "startImageCapturing(): no frame from the camera for 5 s\n";
+    const std::string again = "startImageCapturing(): frames from the camera again after ";
+    enum Stall { NEXT_FRAME_30_S_AWAY, NEVER_DELIVERS, STOPS_MID_CAPTURE, OPEN_BLOCKS };
+    const std::pair<Stall, std::string> cases[] = {
+        {NEXT_FRAME_30_S_AWAY,
+         "videotestsrc is-live=true ! video/x-raw,format=BGR,width=64,height=48,framerate=1/30 ! appsink"},
+        {NEVER_DELIVERS, "udpsrc port=50499 ! " + frames},
+        {STOPS_MID_CAPTURE, "udpsrc port=50499 ! " + frames},
+        {OPEN_BLOCKS, "filesrc location=" + fifo + " ! " + frames}};
+    for (const auto& [stall, pipeline] : cases) {
+        SCOPED_TRACE(pipeline);
+        flags.set(VIDAPP_LOGGING | D_LOG_LEVEL_WARNING | D_LIVE_STREAM_START);
+        startVidapp({"VIDAPP_CAMERA_PIPELINE=" + pipeline});
+        ASSERT_TRUE(vidapp->waitForOutput("vidapp: startImageCapturing() function\n", MESSAGE_TIMEOUT));
+        switch (stall) {
+        case NEXT_FRAME_30_S_AWAY: // a live source delivers a frame once its 30 s are over
+            EXPECT_FALSE(router.receive(500ms).has_value());
+            break;
+        case NEVER_DELIVERS: // the hitch-ball stop ends a capture that waits for its first frame
+            flags.set(D_HITCH_BALL_STOP);
+            EXPECT_TRUE(vidapp->waitForOutput("updateCameraStopStatus(): D_HITCH_BALL_STOP\n", MESSAGE_TIMEOUT));
+            EXPECT_TRUE(waitUntil([&] { return (flags.value() & D_HITCH_BALL_STOP) == 0; }, MESSAGE_TIMEOUT));
+            break;
+        case STOPS_MID_CAPTURE: {
+            // A frame until one is announced (the source may not listen yet), then silence.
+            const auto deliver = [&] {
+                return waitUntil([&] { return camera.send(frame), router.receive(200ms).has_value(); },
+                                 MESSAGE_TIMEOUT);
+            };
+            ASSERT_TRUE(deliver()) << vidapp->out();
+            EXPECT_TRUE(vidapp->waitForOutput(stalled, 10s)) << "warned once the camera was silent for 5 s";
+            EXPECT_FALSE(router.receive(0ms).has_value()) << "no frame is invented";
+            EXPECT_TRUE(deliver());
+            EXPECT_TRUE(vidapp->waitForOutput(again, MESSAGE_TIMEOUT));
+            break;
+        }
+        case OPEN_BLOCKS:
+            EXPECT_FALSE(vidapp->waitForOutput(" Frame size", 500ms));
+            break;
+        }
+        stopVidapp();
+        EXPECT_EQ(occurrences(vidapp->out(), stalled), stall == STOPS_MID_CAPTURE ? 1U : 0U);
+    }
+}
+
 } // namespace

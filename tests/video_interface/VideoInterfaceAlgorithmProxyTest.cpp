@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <thread>
+
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -71,10 +74,13 @@ protected:
         return path;
     }
 
-    // Starts a capture from that directory through the flag word; waits for the error 416 of its end.
-    void captureUntil(VideoInterfaceAlgorithmProxy& proxy, const std::string& directory, const std::string& text) {
+    // Starts a capture from that directory (or pipeline) through the flag word; waits for the error
+    // 416 of its end.
+    void captureUntil(VideoInterfaceAlgorithmProxy& proxy, const std::string& directory, const std::string& text,
+                      const std::string& pipeline = "") {
         OVRA::FrameSourceSettings settings;
         settings.frameDirectory = directory;
+        settings.pipeline = pipeline;
         proxy.setFrameSourceSettings(settings);
         setDebugBits("+)");
         ASSERT_TRUE(vidapp::test::waitUntil([&] { return loggedError(416, text); }, 20s)) << log.dump();
@@ -233,10 +239,24 @@ TEST_F(VideoInterfaceAlgorithmProxyTest, CaptureFailuresEndTheCaptureALaterStart
         EXPECT_EQ(vidapp::test::parseResults(results[i - 1].second.data()).imageWidth, i == 1 ? 80U : 64U);
     }
     captureUntil(
-        *proxy, framesIn("large", {vidapp::test::patternImage(1800, 1800, 1)}),
-        "startImageCapturing(): Image too large for the frame slot: 1800 x 1800 x 1 bytes (at most 3072000 bytes)");
+        *proxy, "",
+        "startImageCapturing(): Image too large for the frame slot: 1800 x 1800 x 3 bytes (at most 3072000 bytes)",
+        "videotestsrc num-buffers=1 ! video/x-raw,format=BGR,width=1800,height=1800 ! appsink");
     captureUntil(*proxy, notPgm, "startImageCapturing(): Capture read error:");
     EXPECT_EQ(sent().size(), 3U) << "each later start captured again";
+    // A header that claims more than a slot holds is refused before a pixel is read; so is a FIFO,
+    // whose open would wait for a writer.
+    const std::string hostile = framesIn("hostile", {});
+    vidapp::test::writeFileBytes(hostile + "/0.pgm", "P5\n16384 16384\n255\n");
+    ASSERT_EQ(mkfifo((hostile + "/1.pgm").c_str(), 0600), 0);
+    captureUntil(*proxy, hostile, "Failed to open camera.");
+    EXPECT_TRUE(loggedError(1045, "General STL exception: ImageFile ctor(): Image too large. File:[" + hostile +
+                                      "/0.pgm] claims 16384 x 16384 pixels, more than 1024000"));
+    std::filesystem::remove(hostile + "/0.pgm");
+    log.clear();
+    captureUntil(*proxy, hostile, "Failed to open camera.");
+    EXPECT_TRUE(loggedError(1045, "General STL exception: ImageFile ctor(): error openning file:[" + hostile +
+                                      "/1.pgm]. error:[Not a regular file]"));
 
     OVRA::FrameSourceSettings endless; // runs until the application stops
     endless.frameDirectory = framesIn("many", std::vector<cv::Mat>(200, small));
@@ -254,6 +274,37 @@ TEST_F(VideoInterfaceAlgorithmProxyTest, CaptureFailuresEndTheCaptureALaterStart
           "Could not read the image file.\n", "Image too large for the frame slot.\n", "Capture read error\n"}) {
         EXPECT_THAT(out, testing::HasSubstr(line));
     }
+}
+
+// The capture paces itself at 95 ms after each frame's message, and the command thread reads the flag
+// word once a second.
+TEST_F(VideoInterfaceAlgorithmProxyTest, TheCapturePacesAt95MsAndTheWordIsPolledOnceASecond) {
+    VIDAPP_REQUIRE_SANDBOX();
+    auto proxy = makeProxy(0);
+    proxy->initialize();
+    const auto stampOf = [&](std::size_t index) { // the frame's time stamp, µs
+        return vidapp::test::parseResults(sent().at(index).second.data()).timestamp;
+    };
+    captureUntil(*proxy, framesIn("paced", std::vector<cv::Mat>(6, vidapp::test::patternImage(64, 48, 1))),
+                 "startImageCapturing(): Could not read the image file:");
+    ASSERT_EQ(sent().size(), 6U);
+    for (std::size_t i = 1; i < 6; ++i) {
+        const std::uint64_t interval_us = stampOf(i) - stampOf(i - 1);
+        EXPECT_GE(interval_us, 95000U) << i;
+        EXPECT_LT(interval_us, 400000U) << i;
+    }
+    // The polls go on a second apart from the end of the capture (the last frame's pace and the end of
+    // the frames); a start given half a second after one of them waits for the next.
+    const std::uint64_t poll_us = stampOf(5) + 95000;
+    const std::uint64_t now_us = ovraSystemTimestamp_us();
+    const std::uint64_t commandAt_us = poll_us + ((now_us - poll_us) / 1000000 + 1) * 1000000 + 500000;
+    std::this_thread::sleep_for(std::chrono::microseconds(commandAt_us - ovraSystemTimestamp_us()));
+    setDebugBits("+)");
+    ASSERT_TRUE(vidapp::test::waitUntil([&] { return sent().size() == 7U; }, 5s)) << log.dump();
+    const std::uint64_t waited_us = stampOf(6) - commandAt_us;
+    EXPECT_GT(waited_us, 300000U) << "the start waits for the next poll";
+    EXPECT_LT(waited_us, 800000U) << "which comes a second after the one before";
+    proxy->stopFeatureApp();
 }
 
 } // namespace
