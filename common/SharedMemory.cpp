@@ -101,48 +101,110 @@ void SharedMemory::create(std::uint64_t bufferSize, std::uint64_t numBuffers, bo
         return;
     }
 
-    const int flags = O_RDWR | O_CREAT | (reuseExisting ? 0 : O_EXCL);
-    for (std::uint64_t number = 1;; ++number) {
-        char objectName[OBJECT_NAME_SIZE];
-        if (!formatObjectName(objectName, number)) {
-            logCode(1023);
-            throw OVRAException(1023, "SharedMemory::create(): snprintf() failed");
+    // O_NONBLOCK: a FIFO of the same name must not hold up the start in its open.
+    const int flags = O_RDWR | O_CREAT | O_NONBLOCK | (reuseExisting ? 0 : O_EXCL);
+    // The objects this call has opened as its own: a create that fails half way removes them again.
+    std::array<bool, MAX_BUFFERS> owned{};
+    try {
+        for (std::uint64_t number = 1;; ++number) {
+            char objectName[OBJECT_NAME_SIZE];
+            if (!formatObjectName(objectName, number)) {
+                logCode(1023);
+                throw OVRAException(1023, "SharedMemory::create(): snprintf() failed");
+            }
+            int& fd = mCreated.fds.at(number - 1);
+            fd = OVRA::retryOnEintr([&] { return ::shm_open(objectName, flags, OBJECT_MODE); });
+            if (fd == -1) {
+                const int error = errno;
+                logCode(1100);
+                throw SharedMemoryException(
+                    1100, failureText("SharedMemory::create(): shm_open() failed. snprintf() "
+                                      "failed",
+                                      "SharedMemory::create(): shm_open() failed with error:[%s]", std::strerror(error))
+                              .text);
+            }
+            refuseForeignObject(fd, objectName);
+            owned[number - 1] = true;
+            // shm_open applies the umask; other processes rely on the group read bit.
+            ::fchmod(fd, OBJECT_MODE);
+            if (OVRA::retryOnEintr([&] { return ::ftruncate(fd, static_cast<off_t>(bufferSize)); }) == -1) {
+                const int error = errno;
+                logCode(1101);
+                throw SharedMemoryException(1101,
+                                            failureText("SharedMemory::create(): ftruncate() failed. snprintf() failed",
+                                                        "SharedMemory::create(): ftruncate() failed with error:[%s]",
+                                                        std::strerror(error))
+                                                .text);
+            }
+            // The pages are taken now: a /dev/shm too small for the set fails here, at the start, rather
+            // than as SIGBUS at the first store into a page that cannot be had.
+            int reserved = 0;
+            do {
+                if (bufferSize == 0) {
+                    break; // nothing to reserve (and mmap refuses the size below)
+                }
+                reserved = ::posix_fallocate(fd, 0, static_cast<off_t>(bufferSize));
+            } while (reserved == EINTR);
+            if (reserved != 0) {
+                logCode(1101);
+                throw SharedMemoryException(
+                    1101, failureText("SharedMemory::create(): posix_fallocate() failed. snprintf() failed",
+                                      "SharedMemory::create(): posix_fallocate() failed with error:[%s]",
+                                      std::strerror(reserved))
+                              .text);
+            }
+            void* address = ::mmap(nullptr, bufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            if (address == MAP_FAILED) {
+                const int error = errno;
+                logCode(1102);
+                throw SharedMemoryException(1102, failureText("SharedMemory::create(): mmap() failed. snprinf failed.",
+                                                              "SharedMemory::create(): mmap() failed with error:[%s]",
+                                                              std::strerror(error))
+                                                      .text);
+            }
+            mCreated.addresses[number - 1] = address;
+            mCreated.mapped = number;
+            if (number == numBuffers) {
+                mState |= STATE_CREATED;
+                return;
+            }
         }
-        int& fd = mCreated.fds.at(number - 1);
-        fd = OVRA::retryOnEintr([&] { return ::shm_open(objectName, flags, OBJECT_MODE); });
-        if (fd == -1) {
-            const int error = errno;
-            logCode(1100);
-            throw SharedMemoryException(
-                1100, failureText("SharedMemory::create(): shm_open() failed. snprintf() failed",
-                                  "SharedMemory::create(): shm_open() failed with error:[%s]", std::strerror(error))
-                          .text);
+    } catch (...) {
+        for (std::uint64_t number = 1; number <= MAX_BUFFERS; ++number) {
+            char objectName[OBJECT_NAME_SIZE];
+            if (owned[number - 1] && formatObjectName(objectName, number)) {
+                (void)::shm_unlink(objectName);
+            }
         }
-        // shm_open applies the umask; other processes rely on the group read bit.
-        ::fchmod(fd, OBJECT_MODE);
-        if (OVRA::retryOnEintr([&] { return ::ftruncate(fd, static_cast<off_t>(bufferSize)); }) == -1) {
-            const int error = errno;
-            logCode(1101);
-            throw SharedMemoryException(
-                1101, failureText("SharedMemory::create(): ftruncate() failed. snprintf() failed",
-                                  "SharedMemory::create(): ftruncate() failed with error:[%s]", std::strerror(error))
-                          .text);
-        }
-        void* address = ::mmap(nullptr, bufferSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (address == MAP_FAILED) {
-            const int error = errno;
-            logCode(1102);
-            throw SharedMemoryException(1102, failureText("SharedMemory::create(): mmap() failed. snprinf failed.",
-                                                          "SharedMemory::create(): mmap() failed with error:[%s]",
-                                                          std::strerror(error))
-                                                  .text);
-        }
-        mCreated.addresses[number - 1] = address;
-        mCreated.mapped = number;
-        if (number == numBuffers) {
-            mState |= STATE_CREATED;
-            return;
-        }
+        release(mCreated, text);
+        throw;
+    }
+}
+
+void SharedMemory::refuseForeignObject(int fd, const char* objectName) const {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        const int error = errno;
+        logCode(1100);
+        throw SharedMemoryException(1100, formatExceptionText("SharedMemory::create(): fstat() of %s failed with "
+                                                              "error:[%s]",
+                                                              objectName, std::strerror(error))
+                                              .text);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        logCode(1100);
+        throw SharedMemoryException(
+            1100,
+            formatExceptionText("SharedMemory::create(): %s is not a shared memory object: refused", objectName).text);
+    }
+    // An object another user made could be shrunk or read by that user at will.
+    if (status.st_uid != ::geteuid()) {
+        logCode(1100);
+        throw SharedMemoryException(1100, formatExceptionText("SharedMemory::create(): %s is owned by user %u, not by "
+                                                              "this process's user %u: refused",
+                                                              objectName, static_cast<unsigned>(status.st_uid),
+                                                              static_cast<unsigned>(::geteuid()))
+                                              .text);
     }
 }
 
@@ -250,20 +312,24 @@ void SharedMemory::destroy() {
     if ((mState & STATE_CREATED) == 0) {
         return;
     }
+    // Every name is tried: one removed from outside must not keep the others.
+    int firstError = 0;
     for (std::uint64_t number = 1; number <= mCreated.numBuffers; ++number) {
         char objectName[OBJECT_NAME_SIZE];
         if (!formatObjectName(objectName, number)) {
             logCode(1023);
             throw OVRAException(1023, "SharedMemory::destroy(): snprintf() failed.");
         }
-        if (::shm_unlink(objectName) == -1) {
-            const int error = errno;
-            logCode(1105);
-            throw SharedMemoryException(
-                1105, failureText("SharedMemory::destroy(): shm_unlink() failed. snprintf() failed.",
-                                  "SharedMemory::destroy(): shm_unlink() failed with error:[%s]", std::strerror(error))
-                          .text);
+        if (::shm_unlink(objectName) == -1 && firstError == 0) {
+            firstError = errno;
         }
     }
     mState &= static_cast<std::uint8_t>(~STATE_CREATED);
+    if (firstError != 0) {
+        logCode(1105);
+        throw SharedMemoryException(
+            1105, failureText("SharedMemory::destroy(): shm_unlink() failed. snprintf() failed.",
+                              "SharedMemory::destroy(): shm_unlink() failed with error:[%s]", std::strerror(firstError))
+                      .text);
+    }
 }

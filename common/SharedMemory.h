@@ -15,10 +15,13 @@
 //
 // Failures throw SharedMemoryException with codes 1100 to 1107 (1023 for a call in the wrong
 // state); after a throw the created/attached state is as before the call, except that detach()
-// always ends detached. A create or attach that fails half way keeps the objects it made, but
-// the mappings and descriptors it holds are released when this object goes (or at the next
-// create or attach). The destructor unlinks the created objects unless the object was built
-// with keep true, and always releases every mapping and descriptor it holds; it never throws.
+// always ends detached and destroy() always ends not created. create() reserves every object's
+// pages, refuses an object that is not a regular shared memory object of this process's user, and
+// when it fails half way removes the objects it opened and releases what it mapped. An attach that
+// fails half way releases its mappings when this object goes (or at the next attach). destroy()
+// tries every name before it reports the first failure. The destructor unlinks the created objects
+// unless the object was built with keep true, and always releases every mapping and descriptor it
+// holds; it never throws.
 class SharedMemory {
 public:
     static constexpr std::size_t MAX_BUFFERS = 10;
@@ -67,6 +70,8 @@ private:
         BufferSet() { fds.fill(-1); }
     };
 
+    // Throws 1100 unless fd is a shared memory object of this process's user.
+    void refuseForeignObject(int fd, const char* objectName) const;
     // Formats the name of buffer number (from 1); false when it does not fit.
     bool formatObjectName(char (&objectName)[OBJECT_NAME_SIZE], std::uint64_t number) const;
     // Releases every mapping and descriptor of set, logging failures; returns the last failure's

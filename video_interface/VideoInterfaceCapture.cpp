@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 
+#include "common/MappingFaultGuard.h"
 #include "common/OVRAException.h"
 #include "log/ConsoleOutput.h"
 #include "log/OVRALogImplementPrintf.h"
@@ -158,6 +159,8 @@ bool VideoInterfaceAlgorithmProxy::storeFrame(const cv::Mat& frame, std::uint64_
     auto* slot = static_cast<ISPFrame_t*>(mSharedMemory.getAddress(FRAME_SLOT));
     ovraLogImplementPrintf("store() getISPFrameInfo", LOG_LEVEL_INFO);
 
+    // Another process may shrink the object under the store: that must end the capture, not the process.
+    const MappingFaultGuard guard(slot, sizeof(ISPFrame_t));
     // The undistorted image goes straight into the slot; beyond it the slot holds zeros.
     const std::size_t dirtyBytes = std::max(mSlotDirtyBytes, imageBytes);
     mSlotDirtyBytes = dirtyBytes; // also right when the remap fails half way
@@ -170,6 +173,12 @@ bool VideoInterfaceAlgorithmProxy::storeFrame(const cv::Mat& frame, std::uint64_
     slot->timestamp = timestamp_us;
     slot->sequenceNumber = sequenceNumber;
     std::memset(slot->reserved, 0, sizeof(slot->reserved));
+    if (guard.faulted()) {
+        printLine("Frame slot cut short.");
+        ovraLogImplementErrorPrintf(CAPTURE_ERROR,
+                                    "startImageCapturing(): slot 0 of IMAGE_FRAME was cut short by another process");
+        return false;
+    }
     ovraLogImplementPrintf("store() setFull", LOG_LEVEL_INFO);
     ovraLogImplementPrintf("store() success", LOG_LEVEL_INFO);
     return true;

@@ -1,6 +1,8 @@
 #include "common/SharedMemory.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +15,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/MappingFaultGuard.h"
 #include "common/OVRAException.h"
 #include "tests/support/Child.h"
+#include "tests/support/DescriptorLimit.h"
 #include "tests/support/Expect.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ProcessState.h"
@@ -60,24 +64,72 @@ TEST_F(SharedMemoryTest, ForkedChildAttachesReadOnlyToObjectsOfMode0640) {
     EXPECT_EQ(child.exitCode, 0) << child.describe();
 }
 
-TEST_F(SharedMemoryTest, ElevenBuffersLeaveTenObjectsOnWhichCreateWithoutReuseFailsWith1100) {
+// A create that fails half way, for whatever reason, leaves nothing behind: no object it opened, no
+// descriptor, no mapping.
+TEST_F(SharedMemoryTest, ACreateThatFailsHalfWayRemovesWhatItMade) {
     const std::size_t descriptorsBefore = openDescriptors();
     {
         SharedMemory eleven("TEST_FRAME", false);
         EXPECT_THROW(eleven.create(SIZE, 11, false), std::out_of_range);
         EXPECT_EQ(failureOf([&] { eleven.getAddress(0); }).substr(0, 4), "1023") << "the created bit stays clear";
     }
+    EXPECT_TRUE(shmObjects().empty());
+    ASSERT_EQ(::mkdir("/dev/shm/TEST_FRAME3", 0700), 0);
+    EXPECT_EQ(failureOf([&] { memory.create(SIZE, 4, true); }).substr(0, 46),
+              "1100 SharedMemory::create(): shm_open() failed");
+    ASSERT_EQ(::rmdir("/dev/shm/TEST_FRAME3"), 0);
+    ASSERT_EQ(::mkfifo("/dev/shm/TEST_FRAME3", 0600), 0); // its open must not wait for a writer
+    EXPECT_EQ(failureOf([&] { memory.create(SIZE, 4, true); }),
+              "1100 SharedMemory::create(): TEST_FRAME3 is not a shared memory object: refused");
+    ASSERT_EQ(::unlink("/dev/shm/TEST_FRAME3"), 0);
+    {
+        const int lowestFree = ::dup(0);
+        ::close(lowestFree);
+        vidapp::test::DescriptorLimit limit(static_cast<rlim_t>(lowestFree) + 2); // two objects open
+        ASSERT_TRUE(limit.applied());
+        EXPECT_EQ(failureOf([&] { memory.create(SIZE, 4, true); }),
+                  "1100 SharedMemory::create(): shm_open() failed with error:[Too many open files]");
+    }
+    EXPECT_TRUE(shmObjects().empty());
     EXPECT_EQ(openDescriptors(), descriptorsBefore);
-    EXPECT_EQ(shmObjects().size(), 10U);
-    EXPECT_EQ(shmObjects().count("TEST_FRAME10"), 1U);
-    // Those leftovers make a create without reuse fail; with reuse they are resized.
+    // Objects left by a killed run make a create without reuse fail (and are not this call's to remove);
+    // with reuse they are taken over and resized.
+    SharedMemory("TEST_FRAME", true).create(SIZE, 2, false);
     EXPECT_EQ(failureOf([&] { memory.create(SIZE, 2, false); }),
               "1100 SharedMemory::create(): shm_open() failed with error:[File exists]");
-    EXPECT_EQ(log.countErrors(1100), 1U) << log.dump();
+    EXPECT_EQ(shmObjects(), (Names{"TEST_FRAME1", "TEST_FRAME2"}));
     memory.create(2 * SIZE, 2, true);
     struct stat status = {};
     ASSERT_EQ(::stat("/dev/shm/TEST_FRAME2", &status), 0);
     EXPECT_EQ(status.st_size, static_cast<off_t>(2 * SIZE));
+}
+
+// The pages are reserved at the start, so a full /dev/shm is a start-up failure, and an object of
+// another user is refused; a store that meets the end of an object shrunk from outside is caught.
+TEST_F(SharedMemoryTest, SpaceIsReservedForeignObjectsRefusedAndAShrunkObjectCaught) {
+    ASSERT_EQ(::mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=64k"), 0);
+    EXPECT_EQ(failureOf([&] { memory.create(32 * 1024, 3, true); }),
+              "1101 SharedMemory::create(): posix_fallocate() failed with error:[No space left on device]");
+    EXPECT_TRUE(shmObjects().empty());
+    const int foreign = ::shm_open("TEST_FRAME2", O_RDWR | O_CREAT, 0666);
+    ASSERT_EQ(::fchown(foreign, 12345, 12345), 0);
+    ::close(foreign);
+    EXPECT_EQ(failureOf([&] { memory.create(SIZE, 2, true); }),
+              "1100 SharedMemory::create(): TEST_FRAME2 is owned by user 12345, not by this process's user 0: refused");
+    EXPECT_EQ(shmObjects(), (Names{"TEST_FRAME2"})) << "another's object is not removed";
+    ASSERT_EQ(::shm_unlink("TEST_FRAME2"), 0);
+
+    memory.create(4 * SIZE, 1, true);
+    auto* bytes = static_cast<volatile char*>(memory.getAddress(0));
+    {
+        const OVRA::MappingFaultGuard guard(memory.getAddress(0), 4 * SIZE);
+        bytes[3 * SIZE] = 'x';
+        EXPECT_FALSE(guard.faulted());
+        ASSERT_EQ(::truncate("/dev/shm/TEST_FRAME1", 0), 0);
+        bytes[3 * SIZE] = 'y'; // SIGBUS without the guard
+        EXPECT_TRUE(guard.faulted());
+    }
+    EXPECT_EQ(bytes[3 * SIZE], 'y') << "the store went on, into a private page";
 }
 
 TEST_F(SharedMemoryTest, LongNamesAreCutAttachChecksTheSizeAndOnlyKeptObjectsSurvive) {
@@ -125,6 +177,7 @@ TEST_F(SharedMemoryTest, SystemCallFailuresThrowTheirCodes) {
               "1101 SharedMemory::create(): ftruncate() failed with error:[Invalid argument]");
     EXPECT_EQ(failureOf([&] { memory.create(0, 1, true); }),
               "1102 SharedMemory::create(): mmap() failed with error:[Invalid argument]");
+    SharedMemory("TEST_FRAME", true).create(SIZE, 1, false); // the failed create left nothing to attach to
     EXPECT_EQ(failureOf([&] { memory.attach(0, 1, false); }),
               "1102 SharedMemory::attach(): mmap() failed with error:[Invalid argument]");
     EXPECT_EQ(log.countErrors(1101) + log.countErrors(1102), 3U);
@@ -133,7 +186,7 @@ TEST_F(SharedMemoryTest, SystemCallFailuresThrowTheirCodes) {
     EXPECT_EQ(failureOf([&] { memory.destroy(); }),
               "1105 SharedMemory::destroy(): shm_unlink() failed with error:[No such file or directory]");
     EXPECT_EQ(log.countErrors(1105), 1U);
-    EXPECT_EQ(shmObjects(), (Names{"TEST_FRAME2"})) << "later names are left";
+    EXPECT_TRUE(shmObjects().empty()) << "a failed removal does not keep the later names";
 }
 
 TEST_F(SharedMemoryTest, DetachGoesOnPastCloseFailuresAndThrowsTheLast1103) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
@@ -42,7 +43,15 @@ bool blocksSigint(pid_t pid, const fs::path& executable) {
            fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error) == executable;
 }
 
-class VidappFaultTest : public VidappProcess {};
+class VidappFaultTest : public VidappProcess {
+protected:
+    // Enough images in frameDirectory for a capture that outlasts the test.
+    void endlessFrames() {
+        for (int i = 0; i < 200; ++i) {
+            writePgmImage(frameDirectory + "/" + std::to_string(1000 + i) + ".pgm", patternImage(64, 48, i));
+        }
+    }
+};
 
 TEST_F(VidappFaultTest, StartUpEndsInOrderOnAHeldPortAndTakesOverObjectsLeftByAKilledRun) {
     flags.set(VIDAPP_LOGGING);
@@ -309,6 +318,58 @@ TEST_F(VidappFaultTest, AStalledCameraNeverHoldsUpTheStopOrTheHitchBallStop) {
         }
         stopVidapp();
         EXPECT_EQ(occurrences(vidapp->out(), stalled), stall == STOPS_MID_CAPTURE ? 1U : 0U);
+    }
+}
+
+// A start that fails while it creates "IMAGE_FRAME" ends with status 1 and its reason, and leaves
+// nothing of its own behind: /dev/shm too small for the ten objects, an object of another user, a
+// directory or a FIFO in an object's place.
+TEST_F(VidappFaultTest, AFailedStartLeavesNothingBehind) {
+    flags.set(VIDAPP_LOGGING);
+    const std::pair<std::string, std::string> cases[] = {
+        {"full", "SharedMemory::create(): posix_fallocate() failed with error:[No space left on device]"},
+        {"foreign", "SharedMemory::create(): IMAGE_FRAME1 is owned by user 12345, not by this process's user 0: "
+                    "refused"},
+        {"directory", "SharedMemory::create(): shm_open() failed with error:["},
+        {"fifo", "SharedMemory::create(): IMAGE_FRAME5 is not a shared memory object: refused"}};
+    for (const auto& [fault, reason] : cases) {
+        SCOPED_TRACE(fault);
+        ASSERT_EQ(::mount("tmpfs", "/dev/shm", "tmpfs", 0, fault == "full" ? "size=16m" : "mode=1777"), 0);
+        if (fault == "foreign") {
+            writeFileBytes("/dev/shm/IMAGE_FRAME1", "");
+            ASSERT_EQ(::chown("/dev/shm/IMAGE_FRAME1", 12345, 12345), 0);
+        } else if (fault == "directory") {
+            ASSERT_EQ(::mkdir("/dev/shm/IMAGE_FRAME5", 0700), 0);
+        } else if (fault == "fifo") {
+            ASSERT_EQ(::mkfifo("/dev/shm/IMAGE_FRAME5", 0600), 0);
+        }
+        launchVidapp();
+        const ChildResult result = vidapp->wait(MESSAGE_TIMEOUT);
+        EXPECT_TRUE(result.exited && result.exitCode == 1) << result.describe();
+        EXPECT_THAT(result.err, HasSubstr("vidapp: start-up failed: " + reason)) << result.err;
+        const std::vector<std::string> left = frameObjects();
+        EXPECT_EQ(left, fault == "full"      ? std::vector<std::string>{}
+                        : fault == "foreign" ? std::vector<std::string>{"IMAGE_FRAME1"}
+                                             : std::vector<std::string>{"IMAGE_FRAME5"});
+        EXPECT_FALSE(launcher.receive(0ms).has_value());
+        ASSERT_EQ(::umount("/dev/shm"), 0);
+    }
+}
+
+// "IMAGE_FRAME1" cut short under a running capture ends that capture, not the process; one removed
+// from outside does not keep the other nine at the stop.
+TEST_F(VidappFaultTest, AFrameObjectShrunkOrRemovedFromOutsideNeverKillsTheProcess) {
+    endlessFrames();
+    for (const off_t size : {off_t{0}, off_t{4096}}) {
+        SCOPED_TRACE(size);
+        flags.set(VIDAPP_LOGGING | D_LIVE_STREAM_START);
+        startVidapp({"VIDAPP_FRAME_DIR=" + frameDirectory});
+        ASSERT_TRUE(router.receive(MESSAGE_TIMEOUT).has_value()) << vidapp->out();
+        ASSERT_EQ(::truncate("/dev/shm/IMAGE_FRAME1", size), 0);
+        EXPECT_TRUE(vidapp->waitForOutput("Frame slot cut short.\n", MESSAGE_TIMEOUT)) << vidapp->out();
+        EXPECT_TRUE(vidapp->running());
+        ASSERT_EQ(::shm_unlink("IMAGE_FRAME1"), 0);
+        stopVidapp();
     }
 }
 
