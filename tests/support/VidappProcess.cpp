@@ -1,5 +1,9 @@
 #include "tests/support/VidappProcess.h"
 
+#include <sys/stat.h>
+
+#include <sys/mount.h>
+
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -72,7 +76,9 @@ std::vector<std::uint8_t> routerMessage(std::uint32_t id, std::uint16_t count,
     message->length = static_cast<std::uint32_t>(OVRA::PDU_LENGTH_FIELD_HEADER_BYTES + payload.size());
     message->count = count;
     message->timestamp = ovraSystemTimestamp_us();
-    std::memcpy(message->payload, payload.data(), payload.size());
+    if (!payload.empty()) {
+        std::memcpy(message->payload, payload.data(), payload.size());
+    }
     message->crc = DataValidity::computeMessageCRC(message.get());
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(message.get());
     return {bytes, bytes + OVRA::PDU_HEADER_SIZE + payload.size()};
@@ -147,6 +153,17 @@ void VidappProcess::startVidapp(const std::vector<std::string>& environment) {
     const auto ready = launcher.receive(MESSAGE_TIMEOUT);
     ASSERT_TRUE(ready.has_value()) << "no READY report\n" << vidapp->wait(1s).describe();
     readyReport = *ready;
+}
+
+SyslogCapture VidappProcess::withOwnSystemLog(const std::function<void(FlagWord&)>& act) {
+    return captureSyslog([&act] {
+        ::mkdir("/dev/shm", 01777);
+        if (::mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
+            return;
+        }
+        FlagWord privateFlags;
+        act(privateFlags);
+    });
 }
 
 void VidappProcess::stopVidapp() {

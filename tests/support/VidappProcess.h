@@ -13,6 +13,7 @@
 #include "communication/DataValidity.h"
 #include "communication/OVRACommunicationUtils.h"
 #include "log/DynamicDebug.h"
+#include "tests/log/SyslogSink.h"
 #include "tests/support/Child.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Udp.h"
@@ -77,6 +78,9 @@ protected:
     void startVidapp(const std::vector<std::string>& environment = {});
     // SIGINT, and the orderly end that must follow within two seconds: status 0, no frame object left.
     void stopVidapp();
+    // Runs act in a child with a system log of its own, a fresh /dev/shm and a flag word of its own
+    // (given to act), and returns what reached the log; act starts vidapp as the tests do.
+    SyslogCapture withOwnSystemLog(const std::function<void(FlagWord&)>& act);
 
     LogCapture log; // keeps the test process's own records off the flag word
     FlagWord flags;

@@ -325,12 +325,7 @@ TEST_F(VidappProcessTest, ReceivesOnLoopbackOnlyAndTheReceiveThreadGivingUpStops
 // A registration through a real datagram is refused with 421 naming the consumer, as every one is;
 // the three messages with no payload at all are dropped and logged.
 TEST_F(VidappProcessTest, ARegistrationIsRefusedByNameAndMessagesWithoutPayloadAreDropped) {
-    const SyslogCapture capture = captureSyslog([this] {
-        ::mkdir("/dev/shm", 01777);
-        if (::mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777") != 0) {
-            return;
-        }
-        FlagWord privateFlags;
+    const SyslogCapture capture = withOwnSystemLog([this](FlagWord& privateFlags) {
         privateFlags.set(0x2000000000ULL | D_LOG_LEVEL_ERROR);
         launchVidapp();
         const bool ready = launcher.receive(MESSAGE_TIMEOUT).has_value();
