@@ -36,6 +36,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "log/OVRALogImplementPrintf.h"
+#include "video_interface/FrameSlotWriter.h"
 #include "video_interface/ISPFrame.h"
 #include "video_interface/Undistorter.h"
 
@@ -116,9 +117,8 @@ struct FramePath {
     SlotMemory plainSlot;
 
     OVRA::Undistorter undistorter;
+    OVRA::FrameSlotWriter writer{undistorter};
     SlotMemory oursSlot;
-    // Bytes of the slot beyond the image that may not be zero: all of them before the first frame.
-    std::size_t dirtyBytes = ISPFrame_t::PIXELS_SIZE;
 
     SlotMemory floorSlot;
 };
@@ -152,24 +152,10 @@ void storePlain(FramePath& path, std::uint64_t timestamp_us, std::uint32_t seque
     std::memcpy(&path.plainSlot.frame(), &staging, sizeof(ISPFrame_t));
 }
 
-// What the capture loop's storeFrame does with a frame (a private member of the algorithm proxy,
-// so its few lines around the Undistorter stand here; the trace lines, off in both ways, are left
-// out of both).
+// What the capture loop's storeFrame does with a frame, less its trace lines (off in both ways).
 void storeOurs(FramePath& path, std::uint64_t timestamp_us, std::uint32_t sequenceNumber) {
-    const cv::Mat& frame = path.frame;
-    const std::size_t bytes = imageBytes(frame);
-    ISPFrame_t& slot = path.oursSlot.frame();
-    const std::size_t dirtyBytes = std::max(path.dirtyBytes, bytes);
-    path.dirtyBytes = dirtyBytes;
-    cv::Mat pixels(frame.rows, frame.cols, frame.type(), slot.pixels);
-    path.undistorter.undistort(frame, pixels);
-    std::memset(slot.pixels + bytes, 0, dirtyBytes - bytes);
-    path.dirtyBytes = bytes;
-    slot.width = static_cast<std::uint32_t>(frame.cols);
-    slot.height = static_cast<std::uint32_t>(frame.rows);
-    slot.timestamp = timestamp_us;
-    slot.sequenceNumber = sequenceNumber;
-    std::memset(slot.reserved, 0, sizeof(slot.reserved));
+    imageBytes(path.frame); // the size check
+    path.writer.write(path.frame, path.oursSlot.frame(), timestamp_us, sequenceNumber);
 }
 
 // Both ways store the same frame into slots full of garbage; true when all bytes agree.

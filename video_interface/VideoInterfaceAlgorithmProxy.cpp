@@ -67,7 +67,7 @@ void VideoInterfaceAlgorithmProxy::initialize() {
         ovraLogImplementPrintf("VideoInterfaceAlgorithmProxy::initialize()", LOG_LEVEL_INFO);
         // A run that was killed leaves its objects behind: take them over.
         mSharedMemory.create(sizeof(ISPFrame_t), FRAME_SEGMENT_BUFFERS, true);
-        mSlotDirtyBytes = ISPFrame_t::PIXELS_SIZE;
+        mSlotWriter.forgetSlot(); // the segment may be an earlier run's leftover
         mReadSharedCommandThread = std::thread([this] {
             pthread_setname_np(pthread_self(), READ_SHARED_COMMAND_THREAD_NAME);
             readSharedCommand();

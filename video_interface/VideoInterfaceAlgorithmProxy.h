@@ -19,6 +19,7 @@
 #include "framework/FeatureApplicationBase.h"
 #include "video_interface/BufferListener.h"
 #include "video_interface/BufferManager.h"
+#include "video_interface/FrameSlotWriter.h"
 #include "video_interface/FrameSource.h"
 #include "video_interface/ISPFrame.h"
 #include "video_interface/ImageCapturer.h"
@@ -198,10 +199,8 @@ private:
     FrameSourceSettings mFrameSourceSettings; // mControlMutex
 
     // Capture thread only (set up by initialize before the thread starts).
-    // Bytes of slot 0 that may hold something other than zeros beyond the current image: the whole
-    // pixel area until the first frame (the segment may be an earlier run's leftover).
-    std::size_t mSlotDirtyBytes = ISPFrame_t::PIXELS_SIZE;
     Undistorter mUndistorter;
+    FrameSlotWriter mSlotWriter{mUndistorter}; // slot 0's writer
     std::unique_ptr<ImageSupport::ImageReady_t> mImageReady;
 };
 

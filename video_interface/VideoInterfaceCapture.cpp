@@ -161,18 +161,7 @@ bool VideoInterfaceAlgorithmProxy::storeFrame(const cv::Mat& frame, std::uint64_
 
     // Another process may shrink the object under the store: that must end the capture, not the process.
     const MappingFaultGuard guard(slot, sizeof(ISPFrame_t));
-    // The undistorted image goes straight into the slot; beyond it the slot holds zeros.
-    const std::size_t dirtyBytes = std::max(mSlotDirtyBytes, imageBytes);
-    mSlotDirtyBytes = dirtyBytes; // also right when the remap fails half way
-    cv::Mat pixels(frame.rows, frame.cols, frame.type(), slot->pixels);
-    mUndistorter.undistort(frame, pixels);
-    std::memset(slot->pixels + imageBytes, 0, dirtyBytes - imageBytes);
-    mSlotDirtyBytes = imageBytes;
-    slot->width = static_cast<std::uint32_t>(frame.cols);
-    slot->height = static_cast<std::uint32_t>(frame.rows);
-    slot->timestamp = timestamp_us;
-    slot->sequenceNumber = sequenceNumber;
-    std::memset(slot->reserved, 0, sizeof(slot->reserved));
+    mSlotWriter.write(frame, *slot, timestamp_us, sequenceNumber);
     if (guard.faulted()) {
         printLine("Frame slot cut short.");
         ovraLogImplementErrorPrintf(CAPTURE_ERROR,
