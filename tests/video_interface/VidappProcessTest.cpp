@@ -166,8 +166,10 @@ TEST_F(VidappProcessTest, ImagesOfAFrameDirectoryReachTheRouterAndSlotZeroUntilA
 }
 
 TEST_F(VidappProcessTest, PipelineFramesUntilTheStreamEndsThenWithoutTheFlagWordANewCaptureUntilSigint) {
-    const std::string source = "pattern=ball ! video/x-raw,width=320,height=240,framerate=10/1 ! videoconvert ! "
-                               "video/x-raw,format=BGR ! appsink";
+    // The vehicle's caps chain: NV12 from the camera, BGRx from its converter, then BGR.
+    const std::string source =
+        "pattern=ball ! video/x-raw,format=NV12,width=800,height=1200,framerate=4/1 ! "
+        "videoconvert ! video/x-raw,format=BGRx ! videoconvert ! video/x-raw,format=BGR ! appsink";
     std::vector<cv::Mat> frames;
     {
         cv::VideoCapture capture("videotestsrc num-buffers=3 " + source, cv::CAP_ANY);
@@ -177,14 +179,14 @@ TEST_F(VidappProcessTest, PipelineFramesUntilTheStreamEndsThenWithoutTheFlagWord
     }
     ASSERT_EQ(frames.size(), 3U);
     flags.set(VIDAPP_LOGGING | D_LOG_LEVEL_VERBOSE | D_LIVE_STREAM_START);
-    startVidapp({"VIDAPP_CAMERA_PIPELINE=videotestsrc num-buffers=30 " + source});
+    startVidapp({"VIDAPP_CAMERA_PIPELINE=videotestsrc num-buffers=12 " + source});
     for (std::uint32_t frame = 0; frame < frames.size(); ++frame) {
         expectNextFrame(frames[frame], frame, false, verifier, 0);
     }
-    for (std::uint16_t count = 4; count <= 30; ++count) {
+    for (std::uint16_t count = 4; count <= 12; ++count) {
         ASSERT_EQ(toMessage(router.receive(MESSAGE_TIMEOUT).value_or(std::vector<std::uint8_t>{})).count, count);
     }
-    EXPECT_THAT(vidapp->out(), HasSubstr(" Frame size : 320 x 240, 76800 Pixels 10 FPS\n"));
+    EXPECT_THAT(vidapp->out(), HasSubstr(" Frame size : 800 x 1200, 960000 Pixels 4 FPS\n"));
     // The stream has ended: the loop leaves through its read-failure row, and vidapp serves on.
     ASSERT_TRUE(vidapp->waitForOutput("Capture read error\n", MESSAGE_TIMEOUT)) << vidapp->out();
     EXPECT_FALSE(router.receive(300ms).has_value()) << "no frame after the end of the stream";
@@ -216,9 +218,9 @@ TEST_F(VidappProcessTest, PipelineFramesUntilTheStreamEndsThenWithoutTheFlagWord
     EXPECT_TRUE(
         vidapp->waitForOutput("decodeMessagePayload(): decode message (ID: 0x0010, count: 4,", MESSAGE_TIMEOUT));
     const OVRA::PDUMessage_t again = toMessage(router.receive(MESSAGE_TIMEOUT).value_or(std::vector<std::uint8_t>{}));
-    EXPECT_EQ(again.count, 31U);
+    EXPECT_EQ(again.count, 13U);
     EXPECT_EQ(parseResults(again.payload).sequenceNumber, 0U);
-    stopVidapp(); // in the middle of the capture's 30 frames
+    stopVidapp(); // in the middle of the capture's 12 frames
     EXPECT_THAT(vidapp->out(), HasSubstr("vidapp: stopFeatureApp():  STOPPED.\n"));
 }
 
