@@ -9,9 +9,9 @@
 //
 // Each benchmark reads a fixed number of frames and reports the process's CPU time per frame (every
 // thread: GStreamer's, OpenCV's workers, ours) and the wall time per frame, with the number of
-// OpenCV threads as its argument. scripts/bench turns them into (ours - floor) / (design - floor).
-// Before anything is timed both ways store the same frame into slots of garbage, and the two slots
-// must agree in all 3,072,024 bytes, or the program stops with status 1 and times nothing.
+// OpenCV threads (and of our remap's stripes) as its argument. scripts/bench turns them into (ours - floor) / (design -
+// floor). Before anything is timed both ways store the same frame into slots of garbage, and the two slots must agree
+// in all 3,072,024 bytes, or the program stops with status 1 and times nothing.
 
 #include <benchmark/benchmark.h>
 
@@ -135,6 +135,7 @@ void runWay(benchmark::State& state, Way way) {
     const int threads = static_cast<int>(state.range(0));
     cv::setNumThreads(threads);
     LiveLoop& loop = liveLoop();
+    loop.undistorter.setThreads(threads);
     OVRA::FrameSourceSettings settings;
     settings.pipeline = PIPELINE;
     const std::unique_ptr<OVRA::FrameSource> source = OVRA::openFrameSource(settings);

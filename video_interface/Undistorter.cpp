@@ -1,19 +1,13 @@
 #include "video_interface/Undistorter.h"
 
-#include <algorithm>
 #include <stdexcept>
 
-#include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "video_interface/remap/FixedRemap.h"
+#include "video_interface/remap/UndistortionMaps.h"
+
 namespace OVRA {
-
-namespace {
-
-// cv::undistort builds its tables for stripes of about 4096 pixels.
-constexpr int STRIPE_PIXELS = 1 << 12;
-
-} // namespace
 
 cv::Mat Undistorter::defaultCameraMatrix() {
     return (cv::Mat_<double>(3, 3) << 486.9067526773129, 0, 410.003209075657, //
@@ -44,31 +38,17 @@ void Undistorter::undistort(const cv::Mat& source, cv::Mat& destination) {
         buildMaps(source.size());
     }
     const uchar* const target = destination.data;
-    cv::remap(source, destination, mMap1, mMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+    if (source.depth() == CV_8U && (source.channels() == 1 || source.channels() == 3)) {
+        remapFixedBilinear(source, destination, mMap1, mMap2, mThreads);
+    } else {
+        cv::remap(source, destination, mMap1, mMap2, cv::INTER_LINEAR, cv::BORDER_CONSTANT);
+    }
     // A reallocation would leave the caller's memory (a shared slot) unwritten.
     CV_Assert(destination.data == target);
 }
 
 void Undistorter::buildMaps(cv::Size size) {
-    const int stripeRows0 = std::min(std::max(1, STRIPE_PIXELS / std::max(size.width, 1)), size.height);
-    cv::Mat map1(size, CV_16SC2);
-    cv::Mat map2(size, CV_16UC1);
-    const cv::Mat identity = cv::Mat::eye(3, 3, CV_64F);
-    cv::Mat stripeCameraMatrix = mCameraMatrix.clone();
-    const double v0 = stripeCameraMatrix.at<double>(1, 2);
-    cv::Mat stripeMap1;
-    cv::Mat stripeMap2;
-    for (int y = 0; y < size.height; y += stripeRows0) {
-        const int stripeRows = std::min(stripeRows0, size.height - y);
-        // Each stripe's tables are computed as if its first row were row 0 of the image.
-        stripeCameraMatrix.at<double>(1, 2) = v0 - y;
-        cv::initUndistortRectifyMap(mCameraMatrix, mDistortionCoefficients, identity, stripeCameraMatrix,
-                                    cv::Size(size.width, stripeRows), CV_16SC2, stripeMap1, stripeMap2);
-        stripeMap1.copyTo(map1.rowRange(y, y + stripeRows));
-        stripeMap2.copyTo(map2.rowRange(y, y + stripeRows));
-    }
-    mMap1 = map1;
-    mMap2 = map2;
+    buildUndistortionMaps(mCameraMatrix, mDistortionCoefficients, size, mMap1, mMap2);
     mMapSize = size;
     ++mMapBuildCount;
 }
