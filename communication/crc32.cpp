@@ -5,6 +5,12 @@
 #if defined(__x86_64__)
 #include <immintrin.h>
 #define VIDAPP_CRC32_CLMUL 1
+#elif defined(__aarch64__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+#include <arm_acle.h>
+#include <asm/hwcap.h>
+#include <cstring>
+#include <sys/auxv.h>
+#define VIDAPP_CRC32_ARMV8 1
 #endif
 
 namespace OVRA {
@@ -141,10 +147,92 @@ inline std::uint32_t finish(bool single, std::uint32_t r) {
     return single ? ~r : r;
 }
 
+std::uint32_t tableSize8Bit(std::uint8_t value, bool single, std::uint32_t crc) {
+    return finish(single, feedByte(start(single, crc), value));
+}
+
+std::uint32_t tableSize16Bit(std::uint16_t value, bool single, std::uint32_t crc) {
+    std::uint32_t r = start(single, crc);
+    r = feedByte(r, static_cast<std::uint8_t>(value & 0xFFU));
+    r = feedByte(r, static_cast<std::uint8_t>(value >> 8));
+    return finish(single, r);
+}
+
+std::uint32_t tableSize32Bit(std::uint32_t value, bool single, std::uint32_t crc) {
+    return finish(single, fold32(start(single, crc) ^ value, 0));
+}
+
+std::uint32_t tableSize64Bit(std::uint64_t value, bool single, std::uint32_t crc) {
+    const std::uint32_t low = start(single, crc) ^ static_cast<std::uint32_t>(value);
+    const auto high = static_cast<std::uint32_t>(value >> 32);
+    return finish(single, fold32(low, 4) ^ fold32(high, 0));
+}
+
+#if defined(VIDAPP_CRC32_ARMV8)
+
+// CRC32B/H/W/X feed 1, 2, 4 or 8 bytes, least significant first, through the standard reflected
+// polynomial (the CRC32C forms would be Castagnoli's). Only this code may use them: the rest of the
+// program is built for plain ARMv8.0, where they are optional.
+#define VIDAPP_ARMV8_CRC_TARGET __attribute__((target("+crc")))
+
+// Read before main. A CRC computed during another file's static initialisation may find it still
+// false and take the table path: slower, the same result.
+const bool ARMV8_CRC_AVAILABLE = (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0;
+
+VIDAPP_ARMV8_CRC_TARGET std::uint32_t crc32Armv8(std::uint32_t r, const std::uint8_t* p, std::size_t size) {
+    // Bytes up to an 8-byte boundary first, so that the 8-byte loads never straddle one.
+    for (; size > 0 && (reinterpret_cast<std::uintptr_t>(p) & 7U) != 0; --size, ++p) {
+        r = __crc32b(r, *p);
+    }
+    for (; size >= 8; size -= 8, p += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, p, sizeof word);
+        r = __crc32d(r, word);
+    }
+    if (size >= 4) {
+        std::uint32_t word;
+        std::memcpy(&word, p, sizeof word);
+        r = __crc32w(r, word);
+        p += 4;
+        size -= 4;
+    }
+    for (; size > 0; --size, ++p) {
+        r = __crc32b(r, *p);
+    }
+    return r;
+}
+
+VIDAPP_ARMV8_CRC_TARGET std::uint32_t armv8Size8Bit(std::uint8_t value, bool single, std::uint32_t crc) {
+    return finish(single, __crc32b(start(single, crc), value));
+}
+
+VIDAPP_ARMV8_CRC_TARGET std::uint32_t armv8Size16Bit(std::uint16_t value, bool single, std::uint32_t crc) {
+    return finish(single, __crc32h(start(single, crc), value));
+}
+
+VIDAPP_ARMV8_CRC_TARGET std::uint32_t armv8Size32Bit(std::uint32_t value, bool single, std::uint32_t crc) {
+    return finish(single, __crc32w(start(single, crc), value));
+}
+
+VIDAPP_ARMV8_CRC_TARGET std::uint32_t armv8Size64Bit(std::uint64_t value, bool single, std::uint32_t crc) {
+    return finish(single, __crc32d(start(single, crc), value));
+}
+
+std::uint32_t armv8Buffer(const void* data, std::size_t size, bool single, std::uint32_t crc) {
+    return finish(single, crc32Armv8(start(single, crc), static_cast<const std::uint8_t*>(data), size));
+}
+
+#endif
+
 } // namespace
 
 std::uint32_t crc32Size8Bit(std::uint8_t value, bool single, std::uint32_t crc) {
-    return finish(single, feedByte(start(single, crc), value));
+#if defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        return armv8Size8Bit(value, single, crc);
+    }
+#endif
+    return tableSize8Bit(value, single, crc);
 }
 
 std::uint32_t crc32SizeChar(char value, bool single, std::uint32_t crc) {
@@ -152,20 +240,30 @@ std::uint32_t crc32SizeChar(char value, bool single, std::uint32_t crc) {
 }
 
 std::uint32_t crc32Size16Bit(std::uint16_t value, bool single, std::uint32_t crc) {
-    std::uint32_t r = start(single, crc);
-    r = feedByte(r, static_cast<std::uint8_t>(value & 0xFFU));
-    r = feedByte(r, static_cast<std::uint8_t>(value >> 8));
-    return finish(single, r);
+#if defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        return armv8Size16Bit(value, single, crc);
+    }
+#endif
+    return tableSize16Bit(value, single, crc);
 }
 
 std::uint32_t crc32Size32Bit(std::uint32_t value, bool single, std::uint32_t crc) {
-    return finish(single, fold32(start(single, crc) ^ value, 0));
+#if defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        return armv8Size32Bit(value, single, crc);
+    }
+#endif
+    return tableSize32Bit(value, single, crc);
 }
 
 std::uint32_t crc32Size64Bit(std::uint64_t value, bool single, std::uint32_t crc) {
-    const std::uint32_t low = start(single, crc) ^ static_cast<std::uint32_t>(value);
-    const auto high = static_cast<std::uint32_t>(value >> 32);
-    return finish(single, fold32(low, 4) ^ fold32(high, 0));
+#if defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        return armv8Size64Bit(value, single, crc);
+    }
+#endif
+    return tableSize64Bit(value, single, crc);
 }
 
 std::uint32_t crc32Buffer(const void* data, std::size_t size, bool single, std::uint32_t crc) {
@@ -178,12 +276,33 @@ std::uint32_t crc32Buffer(const void* data, std::size_t size, bool single, std::
         p += blocks;
         size -= blocks;
     }
+#elif defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        return finish(single, crc32Armv8(r, p, size));
+    }
 #endif
     return finish(single, crc32Portable(r, p, size));
 }
 
 std::uint32_t crc32BufferPortable(const void* data, std::size_t size, bool single, std::uint32_t crc) {
     return finish(single, crc32Portable(start(single, crc), static_cast<const std::uint8_t*>(data), size));
+}
+
+std::vector<Crc32Path> crc32Paths() {
+    std::vector<Crc32Path> paths{
+        {"table", tableSize8Bit, tableSize16Bit, tableSize32Bit, tableSize64Bit, crc32BufferPortable}};
+#if defined(VIDAPP_CRC32_CLMUL)
+    if (clmulAvailable()) {
+        paths.push_back({"carry-less multiplication", tableSize8Bit, tableSize16Bit, tableSize32Bit, tableSize64Bit,
+                         crc32Buffer});
+    }
+#elif defined(VIDAPP_CRC32_ARMV8)
+    if (ARMV8_CRC_AVAILABLE) {
+        paths.push_back(
+            {"ARMv8 CRC32 instructions", armv8Size8Bit, armv8Size16Bit, armv8Size32Bit, armv8Size64Bit, armv8Buffer});
+    }
+#endif
+    return paths;
 }
 
 } // namespace OVRA

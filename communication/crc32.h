@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 // The standard CRC-32 (reflected polynomial 0xEDB88320, initial value 0xFFFFFFFF, final
 // inversion; the one of zlib and Ethernet), fed one value of a given width at a time. Pure
@@ -28,7 +29,23 @@ std::uint32_t crc32Size64Bit(std::uint64_t value, bool single, std::uint32_t crc
 // for the payload. data may be null only when size is 0.
 std::uint32_t crc32Buffer(const void* data, std::size_t size, bool single, std::uint32_t crc);
 // crc32Buffer by the table path alone: what a machine without a faster instruction path runs, and
-// what crc32Buffer itself runs for short buffers and the tail of long ones.
+// what crc32Buffer itself runs on x86-64 for short buffers and the tail of long ones.
 std::uint32_t crc32BufferPortable(const void* data, std::size_t size, bool single, std::uint32_t crc);
+
+// One way of computing the functions above, so that tests and benchmarks can reach each directly.
+// Every machine has the table path. The functions above take the instruction path where the
+// machine has one: carry-less multiplication for buffers on x86-64; the CRC32 instructions for
+// every width on AArch64 (optional in ARMv8.0, so chosen by the kernel's AT_HWCAP report).
+struct Crc32Path {
+    const char* name;
+    std::uint32_t (*size8Bit)(std::uint8_t value, bool single, std::uint32_t crc);
+    std::uint32_t (*size16Bit)(std::uint16_t value, bool single, std::uint32_t crc);
+    std::uint32_t (*size32Bit)(std::uint32_t value, bool single, std::uint32_t crc);
+    std::uint32_t (*size64Bit)(std::uint64_t value, bool single, std::uint32_t crc);
+    std::uint32_t (*buffer)(const void* data, std::size_t size, bool single, std::uint32_t crc);
+};
+
+// The table path, then the instruction path when this machine has one.
+std::vector<Crc32Path> crc32Paths();
 
 } // namespace OVRA

@@ -7,6 +7,11 @@
 #include <random>
 #include <vector>
 
+#if defined(__aarch64__)
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
+
 namespace {
 
 using namespace OVRA;
@@ -43,22 +48,35 @@ TEST_F(Crc32Test, KnownValues) {
     EXPECT_EQ(crc32Buffer(nullptr, 0, false, 0x12345678U), 0x12345678U);
 }
 
-TEST_F(Crc32Test, ValuesOfEveryWidthMatchTheBitwiseDefinitionInBothModes) {
+// Every path this machine has, each reached directly, and the public functions, which take the
+// fastest of them.
+std::vector<Crc32Path> pathsUnderTest() {
+    std::vector<Crc32Path> paths = crc32Paths();
+    paths.push_back({"public", crc32Size8Bit, crc32Size16Bit, crc32Size32Bit, crc32Size64Bit, crc32Buffer});
+    return paths;
+}
+
+TEST_F(Crc32Test, ValuesOfEveryWidthMatchTheBitwiseDefinitionInBothModesOnEveryPath) {
+    const std::vector<Crc32Path> paths = pathsUnderTest();
     for (unsigned i = 0; i < 4096; ++i) {
         const bool single = (i & 0x100U) != 0; // every byte value in both modes; single mode ignores r
         const auto r = static_cast<std::uint32_t>(random());
         const std::uint64_t v = random();
         const auto v8 = static_cast<std::uint8_t>(i);
         SCOPED_TRACE(i);
-        EXPECT_EQ(crc32Size8Bit(v8, single, r), referenceValue(v8, 1, single, r));
         EXPECT_EQ(crc32SizeChar(static_cast<char>(v8), single, r), referenceValue(v8, 1, single, r));
-        EXPECT_EQ(crc32Size16Bit(static_cast<std::uint16_t>(v), single, r), referenceValue(v, 2, single, r));
-        EXPECT_EQ(crc32Size32Bit(static_cast<std::uint32_t>(v), single, r), referenceValue(v, 4, single, r));
-        EXPECT_EQ(crc32Size64Bit(v, single, r), referenceValue(v, 8, single, r));
+        for (const Crc32Path& path : paths) {
+            SCOPED_TRACE(path.name);
+            EXPECT_EQ(path.size8Bit(v8, single, r), referenceValue(v8, 1, single, r));
+            EXPECT_EQ(path.size16Bit(static_cast<std::uint16_t>(v), single, r), referenceValue(v, 2, single, r));
+            EXPECT_EQ(path.size32Bit(static_cast<std::uint32_t>(v), single, r), referenceValue(v, 4, single, r));
+            EXPECT_EQ(path.size64Bit(v, single, r), referenceValue(v, 8, single, r));
+        }
     }
 }
 
 TEST_F(Crc32Test, BuffersMatchTheBitwiseDefinitionAndZlibAtEveryAlignmentOnEveryPath) {
+    const std::vector<Crc32Path> paths = pathsUnderTest();
     std::vector<std::uint8_t> bytes(65537 + 16);
     for (auto& byte : bytes) {
         byte = static_cast<std::uint8_t>(random());
@@ -72,13 +90,28 @@ TEST_F(Crc32Test, BuffersMatchTheBitwiseDefinitionAndZlibAtEveryAlignmentOnEvery
         for (std::size_t offset = 0; offset < 16; ++offset) {
             SCOPED_TRACE(testing::Message() << length << "@" << offset);
             const auto r = static_cast<std::uint32_t>(random());
-            EXPECT_EQ(crc32Buffer(&bytes[offset], length, false, r), reference(&bytes[offset], length, r));
-            EXPECT_EQ(crc32Buffer(&bytes[offset], length, true, r), crc32(0, &bytes[offset], length));
-            // The table path on its own, as a machine without the instruction path runs it.
-            EXPECT_EQ(crc32BufferPortable(&bytes[offset], length, false, r), reference(&bytes[offset], length, r));
-            EXPECT_EQ(crc32BufferPortable(&bytes[offset], length, true, r), crc32(0, &bytes[offset], length));
+            const std::uint32_t running = reference(&bytes[offset], length, r);
+            const auto complete = static_cast<std::uint32_t>(crc32(0, &bytes[offset], static_cast<uInt>(length)));
+            for (const Crc32Path& path : paths) {
+                SCOPED_TRACE(path.name);
+                EXPECT_EQ(path.buffer(&bytes[offset], length, false, r), running);
+                EXPECT_EQ(path.buffer(&bytes[offset], length, true, r), complete);
+            }
         }
     }
+}
+
+// A build that left the instruction path out would pass every check above on the table path alone.
+TEST_F(Crc32Test, TheInstructionPathIsThereWhereTheMachineHasIt) {
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    const bool machineHasIt = __builtin_cpu_supports("pclmul") && __builtin_cpu_supports("sse4.1");
+#elif defined(__aarch64__)
+    const bool machineHasIt = (getauxval(AT_HWCAP) & HWCAP_CRC32) != 0;
+#else
+    const bool machineHasIt = false;
+#endif
+    EXPECT_EQ(crc32Paths().size(), machineHasIt ? 2U : 1U);
 }
 
 } // namespace
