@@ -2,15 +2,13 @@
 // logging on and off per application and level, and sets the one-shot commands (live stream,
 // profiler, ...) that the running processes obey and clear.
 
-#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "log/DynamicDebug.h"
-#include "log/OVRALogImplementPrintf.h"
+#include "tools/FlagWordText.h"
 
 namespace {
 
@@ -36,95 +34,6 @@ void printToolHelp() {
                 "Exit status: 0 done, 1 the flag word cannot be attached, 2 usage error.\n");
 }
 
-struct NamedBits {
-    const char* name;
-    std::uint64_t bits;
-};
-
-// Commands that share bit 63 with the profile level show up whenever both of their bits are set.
-const std::vector<NamedBits>& commands() {
-    static const std::vector<NamedBits> list = {
-        {"profiler-start", D_PROFILER_START},       {"profiler-stop", D_PROFILER_STOP},
-        {"profiler-transfer", D_PROFILER_TRANSFER}, {"hitch-ball-start", D_HITCH_BALL_START},
-        {"hitch-ball-stop", D_HITCH_BALL_STOP},     {"delete-all-files", D_DELETE_ALL_FILES},
-        {"live-stream-start", D_LIVE_STREAM_START}, {"live-stream-stop", D_LIVE_STREAM_STOP},
-        {"calibration-start", D_CALIBRATION_START}, {"calibration-stop", D_CALIBRATION_STOP},
-        {"recording-start", D_RECORDING_START},     {"recording-stop", D_RECORDING_STOP},
-    };
-    return list;
-}
-
-const std::vector<NamedBits>& levels() {
-    static const std::vector<NamedBits> list = {
-        {"error", D_LOG_LEVEL_ERROR}, {"warning", D_LOG_LEVEL_WARNING}, {"info", D_LOG_LEVEL_INFO},
-        {"debug", D_LOG_LEVEL_DEBUG}, {"verbose", D_LOG_LEVEL_VERBOSE}, {"profile", D_LOG_LEVEL_PROFILE},
-    };
-    return list;
-}
-
-// The live-stream start command is the profile level (bit 63) together with the launcher's letter
-// a (bit 0): commands that set those two for their own sake start the camera all the same.
-bool isLiveStreamStartPending(std::uint64_t word) {
-    return (word & D_LIVE_STREAM_START) == D_LIVE_STREAM_START;
-}
-
-void printNamed(const char* title, const std::vector<std::string>& names) {
-    std::printf("%-13s", title);
-    if (names.empty()) {
-        std::printf(" -");
-    }
-    for (const std::string& name : names) {
-        std::printf(" %s", name.c_str());
-    }
-    std::printf("\n");
-}
-
-// The word in words: levels, applications by short name, pending commands, and the letters of
-// the remaining bits 0 to 51.
-void describeWord(std::uint64_t word) {
-    std::vector<std::string> names;
-    for (const NamedBits& level : levels()) {
-        if ((word & level.bits) == level.bits) {
-            names.emplace_back(level.name);
-        }
-    }
-    printNamed("Levels:", names);
-
-    names.clear();
-    std::uint64_t applicationBits = 0;
-    for (const auto& [name, bits] : OVRA::APP_DEBUG_VALUE) {
-        applicationBits |= bits;
-        if ((word & bits) == bits) {
-            names.push_back(name);
-        }
-    }
-    printNamed("Applications:", names);
-
-    names.clear();
-    for (const NamedBits& command : commands()) {
-        if ((word & command.bits) == command.bits) {
-            names.emplace_back(command.name);
-        }
-    }
-    printNamed("Commands:", names);
-    if (isLiveStreamStartPending(word)) {
-        std::printf("Pending:      live-stream start: vidapp starts the camera within a second\n");
-    }
-
-    names.clear();
-    for (char c = 'a'; c <= 'z'; ++c) {
-        if ((word & debugBitsForCharacter(c) & ~applicationBits) != 0) {
-            names.emplace_back(1, c);
-        }
-    }
-    for (char c = 'A'; c <= 'Z'; ++c) {
-        if ((word & debugBitsForCharacter(c) & ~applicationBits) != 0) {
-            names.emplace_back(1, c);
-        }
-    }
-    printNamed("Other bits:", names);
-}
-
 bool isCommandString(const char* argument) {
     return argument[0] == '+' || argument[0] == '-' || argument[0] == '0';
 }
@@ -147,7 +56,7 @@ int show() {
     if (showDebugFlags() != 1) {
         return EXIT_NOT_ATTACHED;
     }
-    describeWord(*shm_dlog_detail);
+    std::printf("%s", vidapp::tools::describeFlagWord(*shm_dlog_detail).c_str());
     (void)closeDLogInterface(true);
     return EXIT_OK;
 }
@@ -203,10 +112,10 @@ int main(int argc, char** argv) {
     }
     bool unaskedLiveStreamStart = false;
     for (int i = 1; i < argc; ++i) {
-        const bool pendingBefore = isLiveStreamStartPending(*shm_dlog_detail);
+        const bool pendingBefore = vidapp::tools::isLiveStreamStartPending(*shm_dlog_detail);
         setDebugBits(argv[i]);
         const bool asked = argv[i][0] == '+' && std::strchr(argv[i], ')') != nullptr;
-        const bool pendingAfter = isLiveStreamStartPending(*shm_dlog_detail);
+        const bool pendingAfter = vidapp::tools::isLiveStreamStartPending(*shm_dlog_detail);
         unaskedLiveStreamStart = pendingAfter && (unaskedLiveStreamStart || (!pendingBefore && !asked));
     }
     if (unaskedLiveStreamStart) {

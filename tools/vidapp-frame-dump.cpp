@@ -2,22 +2,17 @@
 // "IMAGE_FRAME": the slot's header, and on request its pixels as a PNG or PGM file. It only
 // attaches, read-only, so it can look at a running vidapp without disturbing it.
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <fcntl.h>
-#include <memory>
 #include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <optional>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
+#include <vector>
 
 #include "common/OVRAException.h"
-#include "common/SharedMemory.h"
+#include "tools/FrameSlotReader.h"
 #include "tools/ToolSupport.h"
 #include "video_interface/ISPFrame.h"
 #include "video_interface/Image.h"
@@ -28,8 +23,6 @@ using namespace vidapp::tools;
 
 constexpr const char* USAGE =
     "usage: vidapp-frame-dump [--slot N] [--channels 1|3] [--output FILE.png|FILE.pgm] | --help\n";
-constexpr const char* SEGMENT_NAME = "IMAGE_FRAME";
-constexpr std::uint64_t SLOTS = 10;
 // A writer that is storing a frame while it is copied out gets this many more tries.
 constexpr int COPY_ATTEMPTS = 5;
 
@@ -46,7 +39,7 @@ void printToolHelp() {
                 "\n"
                 "Exit status: 0 done, 1 no segment, a slot never written or a header that does not fit\n"
                 "the slot, or the file could not be written; 2 usage error.\n",
-                SEGMENT_NAME, static_cast<unsigned long long>(SLOTS - 1));
+                FRAME_SEGMENT, static_cast<unsigned long long>(FRAME_SLOTS - 1));
 }
 
 enum class Format { None, Png, Pgm };
@@ -88,9 +81,9 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
         }
 
         if (option.name == "--slot") {
-            const std::optional<std::uint64_t> slot = parseUnsigned(value, 0, SLOTS - 1);
+            const std::optional<std::uint64_t> slot = parseUnsigned(value, 0, FRAME_SLOTS - 1);
             if (!slot) {
-                error = "--slot takes 0.." + std::to_string(SLOTS - 1) + ", not '" + value + "'";
+                error = "--slot takes 0.." + std::to_string(FRAME_SLOTS - 1) + ", not '" + value + "'";
                 return false;
             }
             options.slot = *slot;
@@ -121,61 +114,17 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
 // After a failed attach: which object is missing or too small, since the error names none.
 void explainAttachFailure(const OVRAException& e) {
     std::fprintf(stderr, "vidapp-frame-dump: cannot attach the frame segment %s (%llu slots of %zu bytes): %s\n",
-                 SEGMENT_NAME, static_cast<unsigned long long>(SLOTS), sizeof(ISPFrame_t), e.what());
-    for (std::uint64_t number = 1; number <= SLOTS; ++number) {
-        const std::string object = SEGMENT_NAME + std::to_string(number);
-        const int fd = shm_open(object.c_str(), O_RDONLY, 0);
-        if (fd == -1) {
-            std::fprintf(stderr, "vidapp-frame-dump: %s: %s (%llu of %llu slots exist; is vidapp running?)\n",
-                         object.c_str(), std::strerror(errno), static_cast<unsigned long long>(number - 1),
-                         static_cast<unsigned long long>(SLOTS));
-            return;
-        }
-        const off_t size = lseek(fd, 0, SEEK_END);
-        close(fd);
-        if (size >= 0 && static_cast<std::uint64_t>(size) < sizeof(ISPFrame_t)) {
-            std::fprintf(stderr, "vidapp-frame-dump: %s has %lld bytes, a slot needs %zu\n", object.c_str(),
-                         static_cast<long long>(size), sizeof(ISPFrame_t));
-            return;
-        }
-    }
-}
-
-struct Header {
-    std::uint32_t width;
-    std::uint32_t height;
-    std::uint64_t timestamp;
-    std::uint32_t sequenceNumber;
-
-    bool operator==(const Header&) const = default;
-};
-
-Header headerOf(const ISPFrame_t& frame) {
-    return {frame.width, frame.height, frame.timestamp, frame.sequenceNumber};
-}
-
-// Copies the slot out of shared memory, so that encoding works on bytes the writer no longer
-// changes. A header that differs after the copy means a frame was stored meanwhile: copy again.
-void copyFrame(const ISPFrame_t& slot, ISPFrame_t& copy) {
-    for (int attempt = 1;; ++attempt) {
-        std::memcpy(&copy, &slot, sizeof copy);
-        if (headerOf(slot) == headerOf(copy)) {
-            return;
-        }
-        if (attempt == COPY_ATTEMPTS) {
-            std::fprintf(stderr, "vidapp-frame-dump: the slot kept changing while it was copied; the pixels may mix "
-                                 "two frames\n");
-            return;
-        }
+                 FRAME_SEGMENT, static_cast<unsigned long long>(FRAME_SLOTS), sizeof(ISPFrame_t), e.what());
+    const std::string missing = explainMissingSlots();
+    if (!missing.empty()) {
+        std::fprintf(stderr, "vidapp-frame-dump: %s\n", missing.c_str());
     }
 }
 
 // Writes the pixels in the format of the file name; false with the reason on standard error.
-bool writeImage(const Options& options, const ISPFrame_t& frame) {
+bool writeImage(const Options& options, const FrameHeader& frame, std::vector<std::uint8_t>& bytes) {
     const int type = options.channels == 3 ? CV_8UC3 : CV_8UC1;
-    // The copy is not changed: the Mat only views it.
-    const cv::Mat pixels(static_cast<int>(frame.height), static_cast<int>(frame.width), type,
-                         const_cast<std::uint8_t*>(frame.pixels));
+    const cv::Mat pixels(static_cast<int>(frame.height), static_cast<int>(frame.width), type, bytes.data());
     try {
         if (options.format == Format::Png) {
             if (!cv::imwrite(options.output, pixels)) {
@@ -199,28 +148,31 @@ bool writeImage(const Options& options, const ISPFrame_t& frame) {
 }
 
 int dump(const Options& options) {
-    SharedMemory segment(SEGMENT_NAME, false);
+    FrameSlotReader reader(options.slot);
     try {
-        segment.attach(sizeof(ISPFrame_t), SLOTS, false);
+        reader.attach();
     } catch (const OVRAException& e) {
         explainAttachFailure(e);
         return EXIT_FAILED;
     }
-    const auto copy = std::make_unique<ISPFrame_t>();
-    copyFrame(*static_cast<const ISPFrame_t*>(segment.getAddress(options.slot)), *copy);
-    const ISPFrame_t& frame = *copy;
+    // Copied out of shared memory first, so that encoding works on bytes the writer no longer changes.
+    std::vector<std::uint8_t> pixels;
+    const SlotCopy copy = copyPixels(reader.frame(), options.channels, COPY_ATTEMPTS, pixels);
+    const FrameHeader& frame = copy.header;
+    if (!copy.consistent) {
+        std::fprintf(stderr, "vidapp-frame-dump: the slot kept changing while it was copied; the pixels may mix "
+                             "two frames\n");
+    }
 
-    std::printf("%s slot %llu: width %u, height %u, sequence number %u, time stamp %llu\n", SEGMENT_NAME,
+    std::printf("%s slot %llu: width %u, height %u, sequence number %u, time stamp %llu\n", FRAME_SEGMENT,
                 static_cast<unsigned long long>(options.slot), frame.width, frame.height, frame.sequenceNumber,
                 static_cast<unsigned long long>(frame.timestamp));
-    if (frame.width == 0 || frame.height == 0) {
+    if (!frame.written()) {
         std::fprintf(stderr, "vidapp-frame-dump: slot %llu was never written (width or height 0)\n",
                      static_cast<unsigned long long>(options.slot));
         return EXIT_FAILED;
     }
-    // Width x height fits 64 bits; times the channels it might not, so the slot size is divided.
-    const std::uint64_t pixels = static_cast<std::uint64_t>(frame.width) * frame.height;
-    if (pixels > ISPFrame_t::PIXELS_SIZE / options.channels) {
+    if (!frame.fits(options.channels)) {
         std::fprintf(stderr,
                      "vidapp-frame-dump: the header of slot %llu does not fit the slot: %u x %u x %llu bytes are more "
                      "than the %zu pixel bytes of a slot\n",
@@ -231,7 +183,7 @@ int dump(const Options& options) {
     if (options.format == Format::None) {
         return EXIT_OK;
     }
-    return writeImage(options, frame) ? EXIT_OK : EXIT_FAILED;
+    return writeImage(options, frame, pixels) ? EXIT_OK : EXIT_FAILED;
 }
 
 } // namespace

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <climits>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -16,16 +14,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <poll.h>
 #include <string>
 #include <sys/eventfd.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 #include <vector>
 
 #include "common/IniFileParser.h"
 #include "common/OVRAException.h"
-#include "common/SignalHandling.h"
 #include "common/SystemCall.h"
 #include "communication/CallbackHelper.h"
 #include "communication/DataValidity.h"
@@ -35,6 +30,7 @@
 #include "communication/OVRAInterSystemMessages.h"
 #include "communication/OutputIPC.h"
 #include "log/OVRALogImplementPrintf.h"
+#include "tools/StopSignals.h"
 #include "tools/ToolSupport.h"
 
 namespace {
@@ -352,23 +348,6 @@ const char* meaningOf(std::int32_t code, bool lengthMatches) {
     }
 }
 
-// Owns a descriptor and closes it once.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int descriptor) : fd(descriptor) {}
-    ~FileDescriptor() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd; }
-
-private:
-    int fd;
-};
-
 // Listens on to_router and to_launcher and checks, counts and prints every message. Each port has
 // its own receive thread (InputIPC) and its own verifier and tracker, as a receiving process
 // would. Both threads call handle(); `mutex` serialises them over the verifiers, the trackers,
@@ -641,47 +620,10 @@ bool sendAll(Sender& sender, const std::vector<Outgoing>& outgoing) {
     return allSent;
 }
 
-// Milliseconds left until deadline for poll(): at least 1 while time is left, at most INT_MAX.
-int millisecondsUntil(std::chrono::steady_clock::time_point deadline) {
-    const auto left = deadline - std::chrono::steady_clock::now();
-    if (left <= std::chrono::steady_clock::duration::zero()) {
-        return 0;
-    }
-    const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-    return static_cast<int>(std::min<long long>(milliseconds, INT_MAX));
-}
-
-// Waits for the done descriptor, SIGINT/SIGTERM (through signalFd) or the deadline.
-void waitForEnd(int signalFd, int doneFd, const std::optional<std::chrono::steady_clock::time_point>& deadline) {
-    pollfd watched[2] = {{signalFd, POLLIN, 0}, {doneFd, POLLIN, 0}};
-    for (;;) {
-        const int timeout = deadline ? millisecondsUntil(*deadline) : -1;
-        if (deadline && timeout == 0) {
-            return;
-        }
-        const int ready = poll(watched, 2, timeout);
-        if (ready == -1) {
-            if (errno == EINTR) {
-                continue;
-            }
-            std::fprintf(stderr, "vidapp-peer: poll() failed: %s\n", std::strerror(errno));
-            return;
-        }
-        if (ready > 0) {
-            return;
-        }
-    }
-}
-
 int listenAndSend(const Options& options, const std::vector<Outgoing>& outgoing) {
-    // Blocked before any thread starts, so every thread inherits the mask and the signals reach
-    // the signalfd only.
-    sigset_t stopSignals;
-    OVRA::initSignalsMask(stopSignals, {SIGINT, SIGTERM});
-    OVRA::blockThreadSignals(stopSignals);
-    const FileDescriptor signalFd(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+    const StopSignals stopSignals; // before any thread starts
     const FileDescriptor doneFd(eventfd(0, EFD_CLOEXEC));
-    if (signalFd.get() == -1 || doneFd.get() == -1) {
+    if (!stopSignals.ready() || doneFd.get() == -1) {
         std::fprintf(stderr, "vidapp-peer: cannot set up the wait: %s\n", std::strerror(errno));
         return EXIT_FAILED;
     }
@@ -710,7 +652,7 @@ int listenAndSend(const Options& options, const std::vector<Outgoing>& outgoing)
         allSent = sendAll(sender, outgoing);
     }
 
-    waitForEnd(signalFd.get(), doneFd.get(), deadline);
+    stopSignals.wait(doneFd.get(), deadline);
     peer.stop();
     peer.printSummary();
     return peer.passed() && allSent ? EXIT_OK : EXIT_FAILED;
