@@ -36,6 +36,7 @@
 #include "communication/DataValidity.h"
 #include "communication/OVRAInterSystemMessages.h"
 #include "communication/OutputIPC.h"
+#include "log/DynamicDebug.h"
 #include "log/OVRALogImplementPrintf.h"
 #include "video_interface/FrameSlotWriter.h"
 #include "video_interface/FrameSource.h"
@@ -223,6 +224,9 @@ bool bothWaysAgree() {
 } // namespace
 
 int main(int argc, char** argv) {
+    // Logging off, as on the vehicle: a word of the benchmark's own, so that the system's is untouched.
+    static std::uint64_t loggingOff = 0;
+    shm_dlog_detail = &loggingOff;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
