@@ -233,10 +233,10 @@ TEST_F(VidappViewTest, BrowserShowsTheUndistortedCameraAndTheSequenceAdvances) {
     std::uint32_t sequence = 0;
     cv::Rect2d area;
     const auto ready = [&] {
-        shown =
-            std::istringstream(browser.evaluate("(p => p?.naturalWidth == 800 && [document.getElementById('sequence')"
-                                                ".textContent, p.x, p.y, p.width, p.height].join(' '))(document."
-                                                "getElementById('picture'))"));
+        shown.clear();
+        shown.str(browser.evaluate("(p => p?.naturalWidth == 800 && [document.getElementById('sequence')"
+                                   ".textContent, p.x, p.y, p.width, p.height].join(' '))(document."
+                                   "getElementById('picture'))"));
         return static_cast<bool>(shown >> sequence >> area.x >> area.y >> area.width >> area.height);
     };
     ASSERT_TRUE(waitUntil(ready, 10s)) << shown.str() << "\n" << browser.chromium->err();
